@@ -1,0 +1,219 @@
+#include "input/table_reader.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <stdexcept>
+
+#include "support/test_files.h"
+
+namespace torvex {
+namespace {
+
+using testing::TempDir;
+using testing::gzip_member;
+using testing::write_file;
+
+std::vector<std::string> read_lines(const std::string& path) {
+    LineReader r(path);
+    EXPECT_TRUE(r.is_open());
+    std::vector<std::string> lines;
+    FieldView line;
+    while (r.next_line(line)) lines.emplace_back(line.data, line.size);
+    return lines;
+}
+
+std::string numbered_rows(int n) {
+    std::string s = "hh_id,O,D,hour\n";
+    for (int i = 0; i < n; ++i) s += std::to_string(i) + "," + std::to_string(i % 97) + ",5,7\n";
+    return s;
+}
+
+TEST(LineReader, PlainLineEndsAndLastLine) {
+    TempDir dir;
+    write_file(dir.file("lf"), "a,b\n\n1,2 \nlast");
+    write_file(dir.file("crlf"), "a,b\r\n\r\n1,2 \r\nlast\r");
+    const std::vector<std::string> want = {"a,b", "", "1,2 ", "last"};
+    EXPECT_EQ(read_lines(dir.file("lf")), want);
+    // Only the one carriage return before the newline goes; the blank before it stays.
+    EXPECT_EQ(read_lines(dir.file("crlf")), want);
+
+    write_file(dir.file("empty"), "");
+    EXPECT_TRUE(read_lines(dir.file("empty")).empty());
+    write_file(dir.file("one"), "x");
+    EXPECT_EQ(read_lines(dir.file("one")), std::vector<std::string>{"x"});
+
+    LineReader missing(dir.file("nope"));
+    EXPECT_FALSE(missing.is_open());
+    FieldView line;
+    EXPECT_FALSE(missing.next_line(line));
+}
+
+TEST(LineReader, LargerThanSeveralRefillsMatchesSource) {
+    TempDir dir;
+    const std::string text = numbered_rows(1000000);  // about 14 MB: several 4 MiB refills
+    ASSERT_GT(text.size(), 3 * LineReader::kTextChunk);
+    write_file(dir.file("plain.csv"), text);
+    write_file(dir.file("packed.csv"), gzip_member(text));
+    for (const char* name : {"plain.csv", "packed.csv"}) {
+        std::vector<std::string> lines = read_lines(dir.file(name));
+        ASSERT_EQ(lines.size(), 1000001u) << name;
+        std::string joined;
+        for (const std::string& l : lines) joined += l + "\n";
+        EXPECT_EQ(joined, text) << name;
+    }
+}
+
+TEST(LineReader, GzipRecognisedByMagicNotName) {
+    TempDir dir;
+    const std::string text = "N,X,Y\n1,0.5,2\n2,3,4\n";
+    write_file(dir.file("nodes.csv"), gzip_member(text));  // gzip without .gz
+    write_file(dir.file("nodes.csv.gz"), text);            // plain with .gz
+    const std::vector<std::string> want = {"N,X,Y", "1,0.5,2", "2,3,4"};
+    EXPECT_EQ(read_lines(dir.file("nodes.csv")), want);
+    EXPECT_EQ(read_lines(dir.file("nodes.csv.gz")), want);
+    LineReader r(dir.file("nodes.csv"));
+    EXPECT_TRUE(r.gzip);
+}
+
+TEST(LineReader, GzipHeaderFieldsAndConcatenatedMembers) {
+    TempDir dir;
+    write_file(dir.file("flags"), gzip_member("a\nb\n", true, true, true, true));
+    EXPECT_EQ(read_lines(dir.file("flags")), (std::vector<std::string>{"a", "b"}));
+
+    // Members join byte for byte: a member ending mid-line continues in the next.
+    write_file(dir.file("multi"), gzip_member("h\n1,2\n3,") + gzip_member("4\n", false, true) +
+                                      gzip_member("") + gzip_member("5,6"));
+    EXPECT_EQ(read_lines(dir.file("multi")), (std::vector<std::string>{"h", "1,2", "3,4", "5,6"}));
+
+    // Garbage after a member ends the file there, silently.
+    write_file(dir.file("trailing"), gzip_member("x\ny\n") + "not a gzip header at all");
+    EXPECT_EQ(read_lines(dir.file("trailing")), (std::vector<std::string>{"x", "y"}));
+}
+
+TEST(LineReader, TruncatedAndCorruptGzipReadUpToTheFault) {
+    TempDir dir;
+    const std::string text = numbered_rows(200000);
+    const std::string whole = gzip_member(text);
+    for (size_t cut : {size_t{5}, size_t{12}, whole.size() / 3, whole.size() - 9, whole.size() - 1}) {
+        write_file(dir.file("cut"), whole.substr(0, cut));
+        LineReader r(dir.file("cut"));
+        std::string got;
+        FieldView line;
+        if (r.is_open())
+            while (r.next_line(line)) got.append(line.data, line.size) += "\n";
+        // Whatever came out is a prefix of the true text (the last line may be partial).
+        ASSERT_LE(got.size(), text.size() + 1) << cut;
+        size_t full = got.rfind('\n', got.size() >= 2 ? got.size() - 2 : 0);
+        if (full != std::string::npos) {
+            EXPECT_EQ(got.substr(0, full + 1), text.substr(0, full + 1));
+        }
+        if (cut >= whole.size() - 9) {
+            EXPECT_EQ(got, text) << "trailer cut only";
+        }
+    }
+    std::mt19937 rng(7);
+    for (int trial = 0; trial < 20; ++trial) {
+        std::string bad = whole;
+        for (int k = 0; k < 8; ++k) bad[10 + rng() % (bad.size() - 10)] ^= static_cast<char>(1 + rng() % 255);
+        write_file(dir.file("bad"), bad);
+        LineReader r(dir.file("bad"));
+        FieldView line;
+        size_t n = 0;
+        while (r.is_open() && r.next_line(line)) ++n;
+        EXPECT_LE(n, 400000u);
+    }
+    // A bad header: the reader stays closed.
+    write_file(dir.file("badhdr"), std::string("\x1f\x8b\x07\x00", 4) + std::string(20, 'x'));
+    EXPECT_FALSE(LineReader(dir.file("badhdr")).is_open());
+    write_file(dir.file("magic_only"), std::string("\x1f\x8b", 2));
+    EXPECT_FALSE(LineReader(dir.file("magic_only")).is_open());
+}
+
+TEST(LineReader, BinaryAndHugeLines) {
+    TempDir dir;
+    std::string binary(3 * 1024 * 1024, '\0');
+    std::mt19937 rng(1);
+    for (char& c : binary) c = static_cast<char>(rng());
+    write_file(dir.file("bin"), binary);
+    std::string joined;
+    {
+        LineReader r(dir.file("bin"));
+        FieldView line;
+        std::vector<FieldView> fields;
+        while (r.next_line(line)) {
+            split_csv(line, fields);
+            joined.append(line.data, line.size);
+        }
+    }
+    EXPECT_LE(joined.size(), binary.size());
+
+    // One 9 MB line spans three refills and comes back whole.
+    std::string huge(9 * 1024 * 1024, 'q');
+    write_file(dir.file("huge"), "head\n" + huge + "\ntail\n");
+    std::vector<std::string> lines = read_lines(dir.file("huge"));
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[1].size(), huge.size());
+    EXPECT_EQ(lines[2], "tail");
+}
+
+TEST(SplitCsv, FieldsAndQuotes) {
+    std::vector<FieldView> f;
+    auto split = [&](const std::string& s) {
+        split_csv(FieldView{s.data(), s.size()}, f);
+        std::vector<std::string> out;
+        for (FieldView v : f) out.emplace_back(v.data, v.size);
+        return out;
+    };
+    EXPECT_EQ(split(""), std::vector<std::string>{""});
+    EXPECT_EQ(split("a,,b,"), (std::vector<std::string>{"a", "", "b", ""}));
+    EXPECT_EQ(split(",,"), (std::vector<std::string>{"", "", ""}));
+    // No quoting: a comma inside quotes still splits and the quotes stay.
+    EXPECT_EQ(split("\"x,y\",z"), (std::vector<std::string>{"\"x", "y\"", "z"}));
+}
+
+TEST(HeaderMap, TrimsRightOnlyAndLaterWins) {
+    HeaderMap h;
+    std::string line = " A,B \r,C,B";
+    read_header(FieldView{line.data(), line.size()}, h);
+    EXPECT_EQ(any_column(h, {"A"}), -1);
+    EXPECT_EQ(any_column(h, {" A"}), 0);
+    EXPECT_EQ(any_column(h, {"B"}), 3);
+    EXPECT_EQ(any_column(h, {"Z", "C", "B"}), 2);
+    EXPECT_EQ(required_column(h, "C", "f.csv"), 2);
+    try {
+        required_column(h, "N", "f.csv");
+        FAIL();
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "f.csv: missing required column N");
+    }
+    try {
+        required_column(h, {"DISTANCE", "DIST"}, "l.csv");
+        FAIL();
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "l.csv: missing required column (DISTANCE or alias)");
+    }
+}
+
+TEST(FieldConversion, ForgivingNumbers) {
+    auto f64 = [](const std::string& s) { return field_f64(FieldView{s.data(), s.size()}); };
+    auto i64 = [](const std::string& s) { return field_i64(FieldView{s.data(), s.size()}); };
+    EXPECT_EQ(f64(""), 0.0);
+    EXPECT_EQ(i64(""), 0);
+    EXPECT_EQ(i64("12abc"), 12);
+    EXPECT_EQ(i64("abc"), 0);
+    EXPECT_EQ(i64("  -7"), -7);
+    EXPECT_EQ(i64("3.9"), 3);
+    EXPECT_DOUBLE_EQ(f64(" 2.5e1x"), 25.0);
+    // Cut at 63 characters: the 64th digit onwards is never seen.
+    std::string seventy = "1" + std::string(62, '0') + "9999999";
+    EXPECT_DOUBLE_EQ(f64(seventy), 1e62);
+    std::string long_int = "1234567890123456789" + std::string(12, '0') + "55";
+    EXPECT_EQ(i64(long_int), INT64_MAX);  // 31 digits overflow: strtoll saturates
+    EXPECT_EQ(i64(std::string(40, ' ') + "5"), 0);  // the digit lies past the copy limit
+    std::string s = "  1,5 \r";
+    EXPECT_EQ(trim_right(FieldView{s.data(), s.size()}).view(), "  1,5");
+}
+
+}  // namespace
+}  // namespace torvex
