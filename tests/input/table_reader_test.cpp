@@ -10,9 +10,9 @@
 namespace torvex {
 namespace {
 
-using testing::TempDir;
-using testing::gzip_member;
-using testing::write_file;
+using fixture::TempDir;
+using fixture::gzip_member;
+using fixture::write_file;
 
 std::vector<std::string> read_lines(const std::string& path) {
     LineReader r(path);

@@ -10,7 +10,7 @@
 #include <sstream>
 #include <stdexcept>
 
-namespace torvex::testing {
+namespace torvex::fixture {
 
 TempDir::TempDir() {
     char tmpl[] = "/tmp/torvex_test_XXXXXX";
@@ -98,4 +98,4 @@ RunResult run_program(const std::string& program, const std::vector<std::string>
     return r;
 }
 
-}  // namespace torvex::testing
+}  // namespace torvex::fixture

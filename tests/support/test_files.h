@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace torvex::testing {
+namespace torvex::fixture {
 
 // A fresh folder under /tmp, removed with its contents when the object goes.
 struct TempDir {
@@ -33,4 +33,4 @@ struct RunResult {
 RunResult run_program(const std::string& program, const std::vector<std::string>& args,
                       const std::string& cwd = ".");
 
-}  // namespace torvex::testing
+}  // namespace torvex::fixture
