@@ -7,6 +7,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "toll/toll_policy.h"
+
 namespace torvex {
 
 struct RunConfig;
@@ -73,6 +75,7 @@ struct Network {
     std::unordered_map<int64_t, int32_t> node_index;
     std::vector<std::string> county_names;
     std::unordered_map<std::string, uint16_t> county_index;
+    TollPolicyMap toll_policies;
     float toll_deflator = 1.0f;
     std::unordered_map<int32_t, CapacitySchedule> capacity_schedules;
     bool is_static = false;
