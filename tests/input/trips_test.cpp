@@ -1,0 +1,431 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <map>
+#include <stdexcept>
+#include <tuple>
+
+#include "input/network.h"
+#include "input/trip_table.h"
+#include "run/run_config.h"
+#include "support/test_files.h"
+
+namespace torvex {
+namespace {
+
+using fixture::TempDir;
+using fixture::write_file;
+
+// Nodes 10 and 20 in county A, 30 in B (touching A), 40 in C (touching nothing), 50 in none.
+struct Demand {
+    Network net;
+    CountyAdjacency adj;
+    TempDir dir;
+
+    Demand() {
+        const int64_t ids[] = {10, 20, 30, 40, 50};
+        const uint16_t counties[] = {0, 0, 1, 2, kNoCounty};
+        for (int i = 0; i < 5; ++i) {
+            Node n;
+            n.node_id = ids[i];
+            n.county = counties[i];
+            net.node_index.emplace(ids[i], i);
+            net.nodes.push_back(n);
+        }
+        net.county_names = {"A", "B", "C"};
+        adj.n = 3;
+        adj.touches.assign(9, 0);
+        adj.touches[0 * 3 + 1] = adj.touches[1 * 3 + 0] = 1;
+    }
+
+    // Loads the text as a trip file; stdout of the load goes to `out` when given.
+    TripLoadSummary load(const std::string& text, TripTable& table, int64_t max_trips = 0,
+                         int32_t sample_every = 1, std::string* out = nullptr,
+                         const std::string& name = "trips.csv") {
+        const std::string path = dir.file(name);
+        write_file(path, text);
+        testing::internal::CaptureStdout();
+        TripLoadSummary s;
+        try {
+            s = load_trips(path, net, table, max_trips, adj, sample_every);
+        } catch (...) {
+            testing::internal::GetCapturedStdout();
+            throw;
+        }
+        std::string printed = testing::internal::GetCapturedStdout();
+        if (out) *out = printed;
+        return s;
+    }
+
+    std::string error(const std::string& text) {
+        TripTable t;
+        try {
+            load(text, t);
+        } catch (const std::runtime_error& e) {
+            return e.what();
+        }
+        return "";
+    }
+};
+
+std::vector<int> slots_of(const TripTable& t) {
+    std::vector<int> v;
+    for (const Trip& trip : t.trips) v.push_back(t.route_keys[trip.route_key].slot);
+    return v;
+}
+
+TEST(TripLoader, ClockDepartureWinsAndItsRanges) {
+    Demand d;
+    TripTable t;
+    std::string out;
+    // hour is present too and must be ignored: its values here would all be rejected.
+    TripLoadSummary s = d.load(
+        "O,D,hour,dep_time\n"
+        "10,20,99,00:00:00\n"
+        "10,20,99,07:59:59\n"
+        "10,20,99,29:59:00\n"
+        "10,20,99,30:00:00\n"
+        "10,20,99,1@07:00\n"
+        "10,20,99,480\n"
+        "10,20,99,noon \r\n"
+        "10,20,99,\n",
+        t, 0, 1, &out);
+    EXPECT_EQ(out, "[trips] departure field: HH:MM:SS clock (dep_time)\n");
+    EXPECT_EQ(t.slot_minutes, 30.0f);
+    EXPECT_EQ(t.num_slots, 60);
+    EXPECT_EQ(slots_of(t), (std::vector<int>{0, 15, 59, 24}));
+    // 30:00:00 and 1@07:00 (slot 62) fail the range test; 480 and the empty field fail parsing
+    // and leave the range alone.
+    EXPECT_EQ(s.bad_hour, 4);
+    EXPECT_EQ(s.bad_hour_min, 60);
+    EXPECT_EQ(s.bad_hour_max, 62);
+    EXPECT_EQ(s.rows_loaded, 4);
+    EXPECT_EQ(s.past_midnight, 0);
+
+    // The first clock alias in the list wins over later ones.
+    TripTable t2;
+    d.load("O,D,start_time,depart_time\n10,20,x,01:00\n", t2, 0, 1, &out);
+    EXPECT_EQ(out, "[trips] departure field: HH:MM:SS clock (depart_time)\n");
+    EXPECT_EQ(slots_of(t2), std::vector<int>{2});
+}
+
+TEST(TripLoader, PeriodAndHourRanges) {
+    Demand d;
+    TripTable t;
+    std::string out;
+    TripLoadSummary s =
+        d.load("O,D,period\n10,20,0\n10,20,59\n10,20,60\n10,20,-3\n10,20,1\n", t, 0, 1, &out);
+    EXPECT_EQ(out, "[trips] departure field: 30-min periods (1..48 in-day, up to 59)\n");
+    EXPECT_EQ(t.slot_minutes, 30.0f);
+    EXPECT_EQ(t.num_slots, 60);
+    EXPECT_EQ(slots_of(t), (std::vector<int>{0, 59, 1}));  // no 1-based shift
+    EXPECT_EQ(s.bad_hour, 2);
+    EXPECT_EQ(s.bad_hour_min, -3);
+    EXPECT_EQ(s.bad_hour_max, 60);
+
+    TripTable h;
+    s = d.load("O,D,hour\n10,20,1\n10,20,24\n10,20,25\n10,20,30\n10,20,31\n10,20,0\n10,20,-2\n", h,
+               0, 1, &out);
+    EXPECT_EQ(out, "[trips] departure field: 1-based hours\n");
+    EXPECT_EQ(h.slot_minutes, 60.0f);
+    EXPECT_EQ(h.num_slots, 30);
+    EXPECT_EQ(slots_of(h), (std::vector<int>{0, 23, 24, 29}));
+    EXPECT_EQ(s.past_midnight, 2);
+    EXPECT_EQ(s.bad_hour, 3);
+    EXPECT_EQ(s.bad_hour_min, -2);
+    EXPECT_EQ(s.bad_hour_max, 31);
+}
+
+TEST(TripLoader, SamplingMaxTripsAndAgentIds) {
+    Demand d;
+    std::string rows = "O,D,hour,vehTrips\n";
+    for (int i = 1; i <= 12; ++i) rows += "10,20,8,0.5\n" + std::string(i % 4 == 0 ? "\n" : "");
+    TripTable t;
+    TripLoadSummary s = d.load(rows, t, 0, 3);
+    EXPECT_EQ(s.rows_read, 12);  // blank lines are not rows
+    ASSERT_EQ(t.trips.size(), 4u);
+    for (size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(t.trips[i].agent_id, static_cast<int64_t>(3 * (i + 1)));
+        EXPECT_EQ(t.trips[i].weight, 1.5f);
+    }
+    ASSERT_EQ(t.route_keys.size(), 1u);
+    EXPECT_EQ(t.route_keys[0].weight, 6.0f);
+
+    // Rejected rows keep their place in the numbering but do not count towards MAX_TRIPS.
+    rows = "O,D,hour\n";
+    for (int i = 1; i <= 40; ++i)
+        rows += i == 4 ? "10,10,8\n" : (i == 6 ? "10,20,0\n" : "10,20,8\n");
+    TripTable m;
+    s = d.load(rows, m, 10, 2);
+    ASSERT_EQ(m.trips.size(), 10u);
+    EXPECT_EQ(s.rows_loaded, 10);
+    EXPECT_EQ(s.bad_od, 1);
+    EXPECT_EQ(s.bad_hour, 1);
+    EXPECT_EQ(m.trips.front().agent_id, 2);
+    EXPECT_EQ(m.trips.back().agent_id, 24);
+    EXPECT_EQ(s.rows_read, 25);  // the row that finds the limit reached is read, not loaded
+    for (const Trip& trip : m.trips) EXPECT_EQ(trip.agent_id % 2, 0);
+}
+
+TEST(TripLoader, RejectionCounters) {
+    Demand d;
+    TripTable t;
+    TripLoadSummary s = d.load(
+        "O,D,hour,vehTrips\n"
+        "10,20,8,1\n"
+        "11,20,8,1\n"    // unknown origin
+        "10,21,8,1\n"    // unknown destination
+        "30,30,8,1\n"    // intrazonal
+        "x,20,8,1\n"     // unreadable origin reads as 0, unknown
+        "10,20,8,0\n"    // zero weight
+        "10,30,8,-1\n"   // negative weight
+        "10,40,8,abc\n"  // no number reads as 0
+        "10,20,8,nan\n"
+        "10,20,40,0\n",  // bad hour wins over zero weight
+        t);
+    EXPECT_EQ(s.rows_read, 10);
+    EXPECT_EQ(s.rows_loaded, 1);
+    EXPECT_EQ(s.bad_od, 4);
+    EXPECT_EQ(s.zero_weight, 4);
+    EXPECT_EQ(s.bad_hour, 1);
+    // Zero-weight rows never create a key, and no row is both counted and loaded.
+    EXPECT_EQ(t.route_keys.size(), 1u);
+    EXPECT_EQ(s.rows_loaded + s.bad_od + s.zero_weight + s.bad_hour, s.rows_read);
+}
+
+TEST(TripLoader, KeysFoldInOrderWithScopeAndConserveWeight) {
+    Demand d;
+    TripTable t;
+    TripLoadSummary s = d.load(
+        "O,D,hour,vehTrips,valueOfTime,marketVot,hh_id\n"
+        "10,30,8,1,10,hi,1\n"      // key 0: adjacent
+        "10,20,8,2,20,hi,2\n"      // key 1: intra
+        "10,30,8,3,99,hi,3\n"      // folds into key 0 despite another VOT
+        "10,30,9,1,10,hi,4\n"      // key 2: other slot
+        "10,30,8,1,10,lo,5\n"      // key 3: other segment
+        "30,10,8,1,10,hi,6\n"      // key 4: reverse direction
+        "10,40,8,1,10,hi,7\n"      // key 5: statewide
+        "50,20,8,1,10,hi,8\n"      // key 6: no county at the origin
+        "20,10,8,0.25,10,hi,9\n",  // key 7: intra
+        t);
+    ASSERT_EQ(s.rows_loaded, 9);
+    ASSERT_EQ(t.route_keys.size(), 8u);
+    const std::vector<std::tuple<int, int, int, int, int>> want = {
+        {0, 2, 7, 0, 1}, {0, 1, 7, 0, 0}, {0, 2, 8, 0, 1}, {0, 2, 7, 1, 1},
+        {2, 0, 7, 0, 1}, {0, 3, 7, 0, 2}, {4, 1, 7, 0, 2}, {1, 0, 7, 0, 0}};
+    for (size_t k = 0; k < want.size(); ++k) {
+        const RouteKey& key = t.route_keys[k];
+        EXPECT_EQ(
+            std::make_tuple(key.origin, key.dest, int(key.slot), int(key.segment), int(key.scope)),
+            want[k])
+            << "key " << k;
+        EXPECT_EQ(key.path_offset, -1);
+        EXPECT_EQ(key.n_links, 0);
+        EXPECT_TRUE(key.reachable);
+        EXPECT_EQ(t.key_index.at(route_key_identity(key.origin, key.dest, key.slot, key.segment)),
+                  static_cast<int32_t>(k));
+    }
+    EXPECT_EQ(t.key_index.size(), t.route_keys.size());
+    EXPECT_EQ(t.route_keys[0].weight, 4.0f);
+    EXPECT_EQ(t.trips[2].route_key, 0);
+
+    // Every trip's weight lands in its own key, and nothing else does.
+    std::vector<double> sums(t.route_keys.size(), 0.0);
+    double total = 0;
+    for (const Trip& trip : t.trips) {
+        ASSERT_GE(trip.route_key, 0);
+        EXPECT_EQ(t.route_keys[trip.route_key].segment, trip.segment);
+        sums[trip.route_key] += trip.weight;
+        total += trip.weight;
+    }
+    double key_total = 0, segment_total = 0;
+    for (size_t k = 0; k < sums.size(); ++k) {
+        EXPECT_EQ(sums[k], t.route_keys[k].weight);
+        key_total += t.route_keys[k].weight;
+    }
+    for (double w : t.weight_sum) segment_total += w;
+    EXPECT_EQ(key_total, total);
+    EXPECT_EQ(segment_total, total);
+    EXPECT_DOUBLE_EQ(t.vot_weight_sum[0], 10 + 20 * 2 + 99 * 3 + 10 + 10 + 10 + 10 + 2.5);
+}
+
+TEST(TripLoader, IdentityPacksFieldsAndAliasesBeyondWidths) {
+    EXPECT_EQ(route_key_identity(1, 0, 0, 0), uint64_t{1} << 33);
+    EXPECT_EQ(route_key_identity(0, 1, 0, 0), uint64_t{1} << 12);
+    EXPECT_EQ(route_key_identity(0, 0, 1, 0), uint64_t{1} << 5);
+    EXPECT_EQ(route_key_identity(0, 0, 0, 1), uint64_t{1});
+    EXPECT_EQ(route_key_identity(7, 2097151, 127, 31), (uint64_t{8} << 33) - 1);
+    // A destination past 21 bits spills into the origin's bits: the documented aliasing.
+    EXPECT_EQ(route_key_identity(0, 2097152, 0, 0), route_key_identity(1, 0, 0, 0));
+}
+
+TEST(TripLoader, ColumnsInterningAndDefaults) {
+    Demand d;
+    TripTable t;
+    d.load(
+        "O,D,hour,hh_id,person_id,tour_id,trip_id,valueOfTime,purpose,market,OCCUPANCY,ev\n"
+        "10,20,8,123456789012,7,3,4,12.5,work ,car,1.4,1\n"
+        "10,20,8,0,0,0,0,0,shop,car ,1.5,EV \n"
+        "10,20,8,0,0,0,0,0,work,bus,0,Electric\n"
+        "10,20,8,0,0,0,0,0,school,bus,300,TRUE\n"
+        "10,20,8,0,0,0,0,0,shop,car,2,electric\n"
+        "10,20,8,0,0,0,0,0,work,car,nan,true\n",
+        t);
+    ASSERT_EQ(t.trips.size(), 6u);
+    const Trip& a = t.trips[0];
+    EXPECT_EQ(a.hh_id, 123456789012);
+    EXPECT_EQ(a.person_id, 7);
+    EXPECT_EQ(a.tour_id, 3);
+    EXPECT_EQ(a.trip_id, 4);
+    EXPECT_EQ(a.value_of_time, 12.5f);
+    EXPECT_EQ(t.purpose_names, (std::vector<std::string>{"work", "shop", "school"}));
+    EXPECT_EQ(t.market_names, (std::vector<std::string>{"car", "bus"}));
+    // Without marketVot the market text names the segment.
+    EXPECT_EQ(t.segment_names, (std::vector<std::string>{"car", "bus"}));
+    std::vector<int> purpose, market, occupancy, ev;
+    for (const Trip& trip : t.trips) {
+        purpose.push_back(trip.purpose);
+        market.push_back(trip.market);
+        occupancy.push_back(trip.occupancy);
+        ev.push_back(trip.is_ev);
+        EXPECT_EQ(trip.segment, trip.market);
+        EXPECT_EQ(t.purpose_index.at(t.purpose_names[trip.purpose]), trip.purpose);
+    }
+    EXPECT_EQ(purpose, (std::vector<int>{0, 1, 0, 2, 1, 0}));
+    EXPECT_EQ(market, (std::vector<int>{0, 0, 1, 1, 0, 0}));
+    EXPECT_EQ(occupancy, (std::vector<int>{1, 2, 1, 255, 2, 1}));
+    EXPECT_EQ(ev, (std::vector<int>{1, 1, 0, 0, 1, 1}));
+
+    // No optional column at all: one segment "all", weight 1, defaults on every trip.
+    TripTable bare;
+    d.load("D,hour,O\n20,8,10\n30,9,20\n", bare);
+    EXPECT_EQ(bare.segment_names, std::vector<std::string>{"all"});
+    EXPECT_TRUE(bare.purpose_names.empty());
+    EXPECT_TRUE(bare.market_names.empty());
+    ASSERT_EQ(bare.trips.size(), 2u);
+    for (const Trip& trip : bare.trips) {
+        EXPECT_EQ(trip.weight, 1.0f);
+        EXPECT_EQ(trip.occupancy, 1);
+        EXPECT_EQ(trip.is_ev, 0);
+        EXPECT_EQ(trip.hh_id, 0);
+    }
+    EXPECT_EQ(bare.route_keys[1].origin, 1);
+
+    // marketVot wins over market for the segment; blanks at the end do not make a new name.
+    TripTable mv;
+    d.load("O,D,hour,market,marketVot\n10,20,8,car,car_hi\n10,20,8,car,car_hi  \n", mv);
+    EXPECT_EQ(mv.segment_names, std::vector<std::string>{"car_hi"});
+    EXPECT_EQ(mv.route_keys.size(), 1u);
+}
+
+TEST(TripLoader, TooManySegmentsIsRefused) {
+    Demand d;
+    std::string rows = "O,D,hour,marketVot\n";
+    for (int i = 0; i < 33; ++i) rows += "10,20,8,s" + std::to_string(i) + "\n";
+    TripTable t;
+    EXPECT_THROW(d.load(rows, t), std::runtime_error);
+}
+
+TEST(TripLoader, FileErrors) {
+    Demand d;
+    const std::string p = d.dir.file("trips.csv");
+    EXPECT_EQ(d.error("D,hour\n1,2\n"), p + ": missing O/D and depart_time/period/hour columns");
+    EXPECT_EQ(d.error("O,hour\n1,2\n"), p + ": missing O/D and depart_time/period/hour columns");
+    EXPECT_EQ(d.error("O,D,Hour\n1,2,3\n"),
+              p + ": missing O/D and depart_time/period/hour columns");
+    EXPECT_EQ(d.error(""), p + ": empty");
+    EXPECT_EQ(d.error("O,D,hour\n"), "");  // a header alone loads nothing, without error
+    TripTable t;
+    const std::string missing = d.dir.file("nope.csv");
+    try {
+        load_trips(missing, d.net, t, 0, d.adj, 1);
+        ADD_FAILURE() << "no error";
+    } catch (const std::runtime_error& e) {
+        EXPECT_EQ(std::string(e.what()), "cannot open " + missing);
+    }
+}
+
+TEST(TripLoader, GzipLoadsTheSameTable) {
+    Demand d;
+    std::string text = "O,D,depart_time,vehTrips,marketVot,valueOfTime\r\n";
+    for (int i = 0; i < 5000; ++i) {
+        text += std::to_string(10 * (1 + i % 4)) + "," + std::to_string(10 * (1 + (i / 4) % 5)) +
+                "," + std::to_string(i % 30) + ":" + (i % 2 ? "15" : "45") + ",1.25," +
+                (i % 3 ? "a" : "b") + "," + std::to_string(i % 17) + "\r\n";
+    }
+    TripTable plain, packed;
+    const TripLoadSummary sp = d.load(text, plain, 0, 1, nullptr, "plain.csv");
+    const TripLoadSummary sg =
+        d.load(fixture::gzip_member(text, true, true), packed, 0, 1, nullptr, "packed.csv");
+    EXPECT_GT(sp.rows_loaded, 3000);
+    EXPECT_EQ(sp.rows_read, sg.rows_read);
+    EXPECT_EQ(sp.rows_loaded, sg.rows_loaded);
+    EXPECT_EQ(sp.bad_od, sg.bad_od);
+    ASSERT_EQ(plain.trips.size(), packed.trips.size());
+    for (size_t i = 0; i < plain.trips.size(); ++i) {
+        EXPECT_EQ(plain.trips[i].agent_id, packed.trips[i].agent_id);
+        EXPECT_EQ(plain.trips[i].route_key, packed.trips[i].route_key);
+        EXPECT_EQ(plain.trips[i].value_of_time, packed.trips[i].value_of_time);
+    }
+    ASSERT_EQ(plain.route_keys.size(), packed.route_keys.size());
+    for (size_t k = 0; k < plain.route_keys.size(); ++k)
+        EXPECT_EQ(plain.route_keys[k].weight, packed.route_keys[k].weight);
+    EXPECT_EQ(plain.segment_names, packed.segment_names);
+}
+
+TEST(TripLoader, ClockText) {
+    EXPECT_EQ(clock_minutes("08:30"), 510.0f);
+    EXPECT_EQ(clock_minutes(" \t08:30:30\r\n"), 510.5f);
+    EXPECT_EQ(clock_minutes("26:30:00"), 1590.0f);  // hours have no upper limit
+    EXPECT_EQ(clock_minutes("0:00:07.5"), 0.125f);
+    EXPECT_EQ(clock_minutes("1@06:00"), 1800.0f);
+    EXPECT_EQ(clock_minutes("NoOn"), 720.0f);
+    EXPECT_EQ(clock_minutes("midnight"), 0.0f);
+    EXPECT_EQ(clock_minutes("0:59:59.99"), 59.0f + 59.99f / 60.0f);
+    for (const char* bad :
+         {"",        "  ",     "480",    "08:60",  "08:00:60", "08:00:59.5.1", "08:0a",
+          "a@08:00", "@08:00", "08::00", ":30",    "08:",      "1:2:3:4",      "08.5:00",
+          "08:00.5", "-1:00",  "+1:00",  "08:00:", "noon2",    "08:00:."}) {
+        EXPECT_EQ(clock_minutes(bad), -1.0f) << bad;
+    }
+}
+
+TEST(TripLoader, SummaryAndMarketScaleLines) {
+    Demand d;
+    TripTable t;
+    TripLoadSummary s = d.load(
+        "O,D,hour,marketVot,vehTrips\n"
+        "10,20,8,car_hi,10\n10,30,8,car_lo,20\n10,40,8,truck,5\n10,40,9,car_hi,1\n"
+        "10,10,8,car_hi,1\n10,20,0,car_hi,1\n10,20,44,car_hi,1\n10,20,26,car_hi,1\n",
+        t);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    print_trip_summary(s, t, 1.26);
+    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(err,
+              "[trips] warning: 2 rows rejected for hour outside 1..30 (rejected values ranged "
+              "0..44)\n");
+    ASSERT_GT(out.size(), 11u);
+    EXPECT_EQ(out.substr(0, 1) + out.substr(9),
+              "[][trips] 8 rows read, 5 loaded (1 bad O/D incl. intrazonal, 2 bad hour, 1 depart "
+              "past midnight, 0 zero weight); 5 route keys (intra=2 adj=1 state=2), 1.3s\n");
+
+    // Entries apply in order and compound on shared prefixes; only matched keys move.
+    RunConfig config;
+    config.market_scale = {{"car", 2.0f}, {"car_hi", 1.5f}, {"bus", 3.0f}};
+    testing::internal::CaptureStdout();
+    apply_market_scale(config, t);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[market-scale] car x2.00: 4 keys, weight 32 -> 64\n"
+              "[market-scale] car_hi x1.50: 3 keys, weight 24 -> 36\n"
+              "[market-scale] bus x3.00: 0 keys, weight 0 -> 0\n");
+    std::vector<float> w;
+    for (const RouteKey& k : t.route_keys) w.push_back(k.weight);
+    EXPECT_EQ(w, (std::vector<float>{30.0f, 40.0f, 5.0f, 3.0f, 3.0f}));
+    // Trip weights stay as loaded.
+    EXPECT_EQ(t.trips[0].weight, 10.0f);
+}
+
+}  // namespace
+}  // namespace torvex
