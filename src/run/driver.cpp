@@ -7,6 +7,7 @@
 #include <string>
 
 #include "input/network.h"
+#include "input/trip_table.h"
 #include "run/log.h"
 #include "run/run_config.h"
 
@@ -55,6 +56,37 @@ void set_side_output_paths(RunConfig& config) {
     }
 }
 
+// Keeps only keys with both ends in the named county; false (after its message) ends the run.
+bool apply_county_filter(const RunConfig& config, const Network& net, TripTable& trips) {
+    auto it = net.county_index.find(config.county_filter);
+    if (it == net.county_index.end()) {
+        std::fprintf(stderr, "[county-filter] unknown county '%s'\n", config.county_filter.c_str());
+        return false;
+    }
+    const uint16_t id = it->second;
+    long long kept = 0;
+    double kept_veh = 0, dropped_veh = 0;
+    for (RouteKey& k : trips.route_keys) {
+        if (net.nodes[k.origin].county == id && net.nodes[k.dest].county == id) {
+            ++kept;
+            kept_veh += k.weight;
+        } else {
+            dropped_veh += k.weight;
+            k.weight = 0;
+            k.reachable = false;
+        }
+    }
+    progress("[%s][county-filter] %s (id %d): kept %lld intra-county keys (%.0f veh), dropped %.0f "
+             "veh of out-of-county demand\n",
+             now_hms(), config.county_filter.c_str(), static_cast<int>(id), kept, kept_veh,
+             dropped_veh);
+    if (kept == 0) {
+        std::fprintf(stderr, "[county-filter] no intra-county trips\n");
+        return false;
+    }
+    return true;
+}
+
 int run_phases(RunConfig& config) {
     std::filesystem::create_directories(config.output_directory);
     const Clock::time_point run_start = Clock::now();
@@ -83,10 +115,22 @@ int run_phases(RunConfig& config) {
     apply_micro_tags(config, net);
     apply_storage(config, net);
     const CountyAdjacency adjacency = build_county_adjacency(net);
-    (void)adjacency;
 
+    t0 = Clock::now();
+    TripTable trips;
+    const TripLoadSummary loaded = load_trips(config.trip_file, net, trips, config.max_trips,
+                                              adjacency, config.sample_every);
+    print_trip_summary(loaded, trips, seconds_since(t0));
+    if (loaded.rows_loaded == 0) {
+        std::fprintf(stderr, "no trips loaded\n");
+        return 1;
+    }
+    if (!config.county_filter.empty() && !apply_county_filter(config, net, trips)) return 1;
+    apply_segment_params(config, trips);
     set_side_output_paths(config);
+
     write_resolution_map(config, net);
+    apply_market_scale(config, trips);
 
     const double t = seconds_since(run_start);
     progress("[%s] Morvane DTA run complete -- total runtime %s (%.1fs)\n", now_hms(),

@@ -141,9 +141,8 @@ TEST(DriverRun, NetworkPhaseLinesAndClosingLine) {
     EXPECT_TRUE(file_exists(r.dir.file("deep/er/out")));
     const std::string out = untimed(run.out);
     EXPECT_TRUE(has_line(out, "[network] 1 links tagged MESO via dta_meso column"));
-    EXPECT_TRUE(has_line(out,
-                         "[T][network] 6 nodes (2 centroids), 10 links, 2 counties, 0 links "
-                         "without county, 0.0s"));
+    EXPECT_TRUE(std::regex_search(out, std::regex(R"(\n\[T\]\[network\] 6 nodes \(2 centroids\), 10 )"
+                                                  R"(links, 2 counties, 0 links without county, \d+\.\ds\n)")));
     EXPECT_TRUE(has_line(out, "[T][signal] model applied to 2 signalized links (sat=1800 vphpl, "
                               "C=120s, g/C=0.45)"));
     EXPECT_TRUE(has_line(out, "[T][flow-model] macro=DTA_NodeLTM (conserving+spillback) | 0 LTM, 1 "
@@ -230,6 +229,44 @@ TEST(DriverRun, DischargeSignalsAndMicroTags) {
     EXPECT_TRUE(has_line(cleared.out, "[T][flow-model] MICRO_CORRIDOR off -- cleared 2 dta_micro "
                                       "tag(s); those links report under macro/meso"));
     EXPECT_FALSE(file_exists(r.dir.file("o2/resolution_map.csv")));
+}
+
+}  // namespace
+}  // namespace torvex
+
+namespace torvex {
+namespace {
+
+TEST(DriverRun, TripsAndCountyFilter) {
+    Region r;
+    write_file(r.dir.file("TRIPS.csv"), "hh_id,O,D,hour,vehTrips\n1,100,200,8,1\n2,100,2,9,2\n3,7,200,8,1\n");
+    RunResult run = r.run({});
+    ASSERT_EQ(run.exit_code, 0) << run.err;
+    EXPECT_TRUE(has_line(run.out, "[T][segments] 1 segments, no SEGMENT_PARAM_FILE -> GC = travel time "
+                                  "only (beta_time=1, beta_cost=0, distance=0)"));
+    EXPECT_NE(untimed(run.out).find("[T][trips] 3 rows read, 2 loaded (1 bad O/D incl. intrazonal"),
+              std::string::npos);
+
+    RunResult north = r.run({"--county", "North"});
+    ASSERT_EQ(north.exit_code, 0) << north.err;
+    EXPECT_TRUE(has_line(north.out, "[T][county-filter] North (id 0): kept 1 intra-county keys (2 veh), "
+                                    "dropped 1 veh of out-of-county demand"));
+
+    RunResult south = r.run({"--county", "South"});
+    EXPECT_EQ(south.exit_code, 1);
+    EXPECT_TRUE(has_line(south.out, "[T][county-filter] South (id 1): kept 0 intra-county keys (0 veh), "
+                                    "dropped 3 veh of out-of-county demand"));
+    EXPECT_EQ(south.err, "[county-filter] no intra-county trips\n");
+
+    RunResult nowhere = r.run({"--county", "West"});
+    EXPECT_EQ(nowhere.exit_code, 1);
+    EXPECT_EQ(nowhere.err, "[county-filter] unknown county 'West'\n");
+
+    write_file(r.dir.file("TRIPS.csv"), "hh_id,O,D,hour\n1,100,100,8\n");
+    RunResult none = r.run({});
+    EXPECT_EQ(none.exit_code, 1);
+    EXPECT_NE(none.err.find("no trips loaded\n"), std::string::npos);
+    EXPECT_EQ(none.err.find("error:"), std::string::npos);
 }
 
 }  // namespace
