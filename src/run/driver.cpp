@@ -6,10 +6,14 @@
 #include <filesystem>
 #include <string>
 
+#include "assign/assignment_state.h"
+#include "assign/equilibrium.h"
 #include "input/network.h"
+#include "input/turn_table.h"
 #include "input/trip_table.h"
 #include "run/log.h"
 #include "run/run_config.h"
+#include "toll/toll_tables.h"
 
 namespace torvex {
 
@@ -54,6 +58,25 @@ void set_side_output_paths(RunConfig& config) {
         a.meso_probe_b = config.meso_probe_link[1];
         a.meso_probe_path = dir + "/meso_probe.csv";
     }
+}
+
+// Lane-use, capacity and toll policy tables refine the network, in this order.
+void load_toll_inputs(const RunConfig& config, Network& net) {
+    compute_toll_deflator(config, net);
+    if (!config.lane_use_file.empty()) load_lane_use(config.lane_use_file, net);
+    if (!config.capacity_file.empty()) load_capacity_schedule(config.capacity_file, net);
+    if (!config.toll_policy_file.empty()) {
+        load_toll_policies(config.toll_policy_file, net);
+        print_toll_deflation(config, net);
+    }
+}
+
+void find_traced_agents(const RunConfig& config, const TripTable& trips, AssignmentState& state) {
+    for (const Trip& t : trips.trips)
+        for (int64_t id : config.trace_agents)
+            if (id == t.agent_id) state.traced.push_back(TraceRequest{t.agent_id, t.route_key});
+    progress("[trace] %zu of %zu requested agents found; paths -> %s\n", state.traced.size(),
+             config.trace_agents.size(), config.assignment.trace_path.c_str());
 }
 
 // Keeps only keys with both ends in the named county; false (after its message) ends the run.
@@ -115,6 +138,9 @@ int run_phases(RunConfig& config) {
     apply_micro_tags(config, net);
     apply_storage(config, net);
     const CountyAdjacency adjacency = build_county_adjacency(net);
+    TurnTable turns;
+    if (!config.turn_prohibition_file.empty())
+        print_turn_summary(load_turns(config.turn_prohibition_file, net, turns));
 
     t0 = Clock::now();
     TripTable trips;
@@ -128,9 +154,15 @@ int run_phases(RunConfig& config) {
     if (!config.county_filter.empty() && !apply_county_filter(config, net, trips)) return 1;
     apply_segment_params(config, trips);
     set_side_output_paths(config);
+    load_toll_inputs(config, net);
 
     write_resolution_map(config, net);
     apply_market_scale(config, trips);
+
+    AssignmentState state;
+    prepare_assignment(state, net, trips, adjacency, config, &turns);
+    if (!config.trace_agents.empty()) find_traced_agents(config, trips, state);
+    run_assignment(state);
 
     const double t = seconds_since(run_start);
     progress("[%s] Morvane DTA run complete -- total runtime %s (%.1fs)\n", now_hms(),
