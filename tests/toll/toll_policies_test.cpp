@@ -1,0 +1,228 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <stdexcept>
+#include <string>
+
+#include "run/run_config.h"
+#include "side_network.h"
+#include "support/test_files.h"
+#include "toll/toll_tables.h"
+
+namespace torvex {
+namespace {
+
+using fixture::TempDir;
+using fixture::write_file;
+
+Network test_net() {
+    return fixture::side_network({1, 2}, {{1, 2, 1, 1800.0f}});
+}
+
+std::string load(const std::string& path, Network& net) {
+    testing::internal::CaptureStdout();
+    load_toll_policies(path, net);
+    return testing::internal::GetCapturedStdout();
+}
+
+std::string load_error(const std::string& path) {
+    Network net = test_net();
+    try {
+        load_toll_policies(path, net);
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "(no error)";
+}
+
+TEST(TollPolicies, TypesRowsAndSummary) {
+    TempDir dir;
+    const std::string path = dir.file("tolls.csv");
+    write_file(path,
+               "policy_id,Type,start,end,Toll,dens_min,dens_max,min_rate,max_rate,Increment,"
+               "deflate\r\n"
+               "1,fixed,,,1.00,,,,,,y\r\n"
+               "1,FIXED,,,2.50,,,,,,no\r\n"  // last fixed row wins
+               "2,TOD,15:00,18:00,4.00,,,,,,1\r\n"
+               "2,Time,06:00,09:00,3.00,,,,,,true\r\n"
+               "2,timeofday,-1:00,bad,9.00,,,,,,TRUE\r\n"  // unparseable times become 0
+               "3,Density,20,40,,,,,,,\r\n"
+               "3,density,,,,20,40,1,3,0,Yes\r\n"
+               "3,density,,,,0,20,0.5,0.5,-1,YES\r\n"
+               "4,hov,,,,,,,,,\r\n"  // unknown type: policy created, row not counted
+               "5,fixed,,,1.5,,,,,,\r\n"
+               "5,density,,,,0,10,1,2,0.1,\r\n"  // the last row decides the type
+               ",fixed,,,7,,,,,,\r\n"            // no id
+               "6, ,,,7,,,,,,\r\n"               // blank type
+               "7\r\n"                           // short row
+               "\r\n");
+    Network net = test_net();
+    EXPECT_EQ(
+        load(path, net),
+        "[toll] 5 policies (2 fixed, 1 time-of-day, 2 density) from 10 rows in " + path + "\n");
+
+    const TollPolicy* p1 = net.toll_policies.find(1);
+    ASSERT_NE(p1, nullptr);
+    EXPECT_EQ(p1->type, kTollFixed);
+    EXPECT_FLOAT_EQ(p1->toll, 2.5f);
+    EXPECT_FALSE(p1->cpi_adjust);
+
+    const TollPolicy* p2 = net.toll_policies.find(2);
+    ASSERT_NE(p2, nullptr);
+    EXPECT_EQ(p2->type, kTollTimeOfDay);
+    ASSERT_EQ(p2->tod_rows.size(), 3u);  // sorted by start
+    EXPECT_EQ(p2->tod_rows[0].start_min, 0.0f);
+    EXPECT_EQ(p2->tod_rows[0].end_min, 0.0f);
+    EXPECT_FALSE(p2->tod_rows[0].cpi_adjust);  // "TRUE" is not a yes
+    EXPECT_EQ(p2->tod_rows[1].start_min, 360.0f);
+    EXPECT_EQ(p2->tod_rows[1].end_min, 540.0f);
+    EXPECT_FLOAT_EQ(p2->tod_rows[1].toll, 3.0f);
+    EXPECT_TRUE(p2->tod_rows[1].cpi_adjust);
+    EXPECT_EQ(p2->tod_rows[2].start_min, 900.0f);
+    EXPECT_TRUE(p2->tod_rows[2].cpi_adjust);
+
+    const TollPolicy* p3 = net.toll_policies.find(3);
+    ASSERT_NE(p3, nullptr);
+    ASSERT_EQ(p3->density_rows.size(), 3u);
+    const TollDensityRow& d0 = p3->density_rows[0];  // the row of time columns reads as zeros
+    EXPECT_EQ(d0.density_max, 0.0f);
+    EXPECT_FALSE(d0.dynamic);
+    EXPECT_EQ(d0.increment, 0.0f);  // flat rows keep their increment
+    const TollDensityRow& d1 = p3->density_rows[1];
+    EXPECT_EQ(d1.density_min, 0.0f);
+    EXPECT_FLOAT_EQ(d1.toll_min, 0.5f);
+    EXPECT_FALSE(d1.dynamic);  // toll_min == toll_max without a dynamic column
+    EXPECT_EQ(d1.increment, -1.0f);
+    EXPECT_FALSE(d1.cpi_adjust);
+    const TollDensityRow& d2 = p3->density_rows[2];
+    EXPECT_EQ(d2.density_min, 20.0f);
+    EXPECT_EQ(d2.density_max, 40.0f);
+    EXPECT_TRUE(d2.dynamic);
+    EXPECT_EQ(d2.increment, 0.25f);  // dynamic with no step gets a quarter
+    EXPECT_FALSE(d2.cpi_adjust);     // "Yes" is not a yes
+
+    const TollPolicy* p4 = net.toll_policies.find(4);
+    ASSERT_NE(p4, nullptr);
+    EXPECT_EQ(p4->type, kTollFixed);
+    EXPECT_EQ(p4->toll, 0.0f);
+
+    const TollPolicy* p5 = net.toll_policies.find(5);
+    ASSERT_NE(p5, nullptr);
+    EXPECT_EQ(p5->type, kTollDensity);
+    EXPECT_EQ(p5->density_rows.size(), 1u);
+    EXPECT_FLOAT_EQ(p5->density_rows[0].increment, 0.1f);
+    EXPECT_EQ(net.toll_policies.find(6), nullptr);
+    EXPECT_EQ(net.toll_policies.find(7), nullptr);
+}
+
+TEST(TollPolicies, DynamicColumnAndFlagWords) {
+    TempDir dir;
+    const std::string path = dir.file("tolls.csv");
+    write_file(path,
+               "ID,type,density_min,density_max,toll_min,toll_max,increment,variable,cpi\n"
+               "1,density,0,10,1,3,0,,1\n"    // column present: blank means not dynamic
+               "1,density,10,20,3,3,0,1,Y\n"  // column says dynamic even with min == max
+               "1,density,20,30,3,5,-2,y,yes\n"
+               "1,density,30,40,5,6,0,true,true\n"
+               "1,density,40,50,6,7,0,True,0\n"
+               "1,density,50,60,6,7,0,yes ,n\n");
+    Network net = test_net();
+    load(path, net);
+    const TollPolicy* p = net.toll_policies.find(1);
+    ASSERT_NE(p, nullptr);
+    ASSERT_EQ(p->density_rows.size(), 6u);
+    const bool dynamic[] = {false, true, true, true, false, true};
+    const bool cpi[] = {true, true, true, true, false, false};
+    for (size_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(p->density_rows[i].dynamic, dynamic[i]) << i;
+        EXPECT_EQ(p->density_rows[i].cpi_adjust, cpi[i]) << i;
+        EXPECT_EQ(p->density_rows[i].increment, dynamic[i] ? 0.25f : 0.0f) << i;
+    }
+}
+
+TEST(TollPolicies, EndToEndCharges) {
+    TempDir dir;
+    const std::string path = dir.file("tolls.csv");
+    write_file(path,
+               "policy_id,type,start_time,end_time,toll,cpi_adjust\n"
+               "3,fixed,,,2.00,1\n"
+               "4,tod,06:00,09:00,3.00,0\n"
+               "70000,fixed,,,9.00,0\n");  // beyond what a link can name
+    Network net = test_net();
+    RunConfig config;
+    config.base_year = 2020;
+    config.future_year = 2040;
+    config.cpi = 0.02f;
+    compute_toll_deflator(config, net);
+    EXPECT_EQ(
+        load(path, net),
+        "[toll] 3 policies (2 fixed, 1 time-of-day, 0 density) from 3 rows in " + path + "\n");
+    Link& l = net.links[0];
+    l.toll = 1.5f;
+    l.toll_policy = 3;
+    EXPECT_FLOAT_EQ(evaluate_toll(net, l, 0), 1.5f * net.toll_deflator);
+    l.toll_policy = 4;
+    EXPECT_EQ(evaluate_toll(net, l, 24), 3.0f);
+    EXPECT_EQ(evaluate_toll(net, l, 36), 0.0f);
+    l.toll_policy = static_cast<uint16_t>(70000 & 0xFFFF);
+    EXPECT_EQ(evaluate_toll(net, l, 0), 1.5f);
+    l.toll_policy = 7;
+    EXPECT_EQ(evaluate_toll(net, l, 0), 1.5f);
+    EXPECT_NE(net.toll_policies.find(70000), nullptr);
+}
+
+TEST(TollPolicies, Failures) {
+    TempDir dir;
+    const std::string missing = dir.file("nope.csv");
+    EXPECT_EQ(load_error(missing), "cannot open toll policy file " + missing);
+    const std::string empty = dir.file("empty.csv");
+    write_file(empty, "");
+    EXPECT_EQ(load_error(empty), empty + ": empty");
+    const std::string bad = dir.file("bad.csv");
+    for (const char* header :
+         {"policy_id,toll\n", "type,toll\n", "Policy_ID,type\n", "id,TYPE\n"}) {
+        write_file(bad, header);
+        EXPECT_EQ(load_error(bad), bad + ": need policy_id and type columns") << header;
+    }
+    write_file(bad, "id,type\n\n");
+    Network net = test_net();
+    EXPECT_EQ(load(bad, net),
+              "[toll] 0 policies (0 fixed, 0 time-of-day, 0 density) from 0 rows in " + bad + "\n");
+    EXPECT_TRUE(net.toll_policies.empty());
+}
+
+TEST(TollDeflator, FactorAndLine) {
+    auto factor = [](int base, int future, float cpi) {
+        RunConfig config;
+        config.base_year = base;
+        config.future_year = future;
+        config.cpi = cpi;
+        Network net;
+        compute_toll_deflator(config, net);
+        return net.toll_deflator;
+    };
+    const float f = factor(2020, 2040, 0.02f);
+    EXPECT_NEAR(f, 0.6730f, 5e-5f);
+    // Brought forward again over the same 20 years it is one dollar.
+    EXPECT_NEAR(f * std::pow(1.02, 20.0), 1.0, 1e-6);
+    EXPECT_NEAR(factor(2020, 2021, -0.5f), 2.0f, 1e-6f);
+    EXPECT_EQ(factor(2020, 2020, 0.02f), 1.0f);
+    EXPECT_EQ(factor(2040, 2020, 0.02f), 1.0f);
+    EXPECT_EQ(factor(0, 2040, 0.02f), 1.0f);
+    EXPECT_EQ(factor(-5, 2040, 0.02f), 1.0f);
+    EXPECT_EQ(factor(2020, 2040, 0.0f), 1.0f);
+
+    RunConfig config;
+    config.base_year = 2020;
+    config.future_year = 2040;
+    config.cpi = 0.02f;
+    Network net;
+    compute_toll_deflator(config, net);
+    testing::internal::CaptureStdout();
+    print_toll_deflation(config, net);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[toll] deflation factor 0.6730 (base 2020 -> future 2040, CPI 0.020)\n");
+}
+
+}  // namespace
+}  // namespace torvex
