@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "side_network.h"
+#include "toll/side_network.h"
 #include "toll/toll_tables.h"
 
 namespace torvex {

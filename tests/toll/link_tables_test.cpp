@@ -4,8 +4,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "side_network.h"
 #include "support/test_files.h"
+#include "toll/side_network.h"
 #include "toll/toll_tables.h"
 
 namespace torvex {

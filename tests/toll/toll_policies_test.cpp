@@ -5,8 +5,8 @@
 #include <string>
 
 #include "run/run_config.h"
-#include "side_network.h"
 #include "support/test_files.h"
+#include "toll/side_network.h"
 #include "toll/toll_tables.h"
 
 namespace torvex {
