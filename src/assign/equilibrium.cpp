@@ -28,15 +28,18 @@ void set_refresh_plan(AssignmentState& state, int32_t i) {
 void print_refresh_plans(const AssignmentState& state) {
     const AssignmentSettings& a = state.config.assignment;
     if (state.node_mode == 0 && !a.load_schedule.empty())
-        progress("[%s][load-schedule] %s\n", now_hms(),
-                 describe_schedule(a.load_schedule, a.load_refresh_every, a.max_iterations).c_str());
+        progress(
+            "[%s][load-schedule] %s\n", now_hms(),
+            describe_schedule(a.load_schedule, a.load_refresh_every, a.max_iterations).c_str());
     if (state.node_mode != 0 && !a.node_schedule.empty())
-        progress("[%s][node-schedule] %s\n", now_hms(),
-                 describe_schedule(a.node_schedule, a.node_refresh_every, a.max_iterations).c_str());
+        progress(
+            "[%s][node-schedule] %s\n", now_hms(),
+            describe_schedule(a.node_schedule, a.node_refresh_every, a.max_iterations).c_str());
 }
 
 void fill_free_flow(Network& net) {
-    for (Link& l : net.links) std::fill(std::begin(l.travel_time_min), std::end(l.travel_time_min), l.free_flow_min);
+    for (Link& l : net.links)
+        std::fill(std::begin(l.travel_time_min), std::end(l.travel_time_min), l.free_flow_min);
 }
 
 // Sums of the gap measure over keys that hold a path and are still reachable.
@@ -73,8 +76,9 @@ IterationRecord free_flow_start(AssignmentState& state, bool progressive) {
     if (progressive) {
         const float f = sample_value(state.config.assignment.sample_schedule, 1);
         const long long active = resample_keys(*state.trips, f);
-        progress("[%s][sample] progressive schedule on; iter 0-1 at %.0f%% sample -> %lld active keys\n",
-                 now_hms(), f * 100.0f, active);
+        progress(
+            "[%s][sample] progressive schedule on; iter 0-1 at %.0f%% sample -> %lld active keys\n",
+            now_hms(), f * 100.0f, active);
     }
     IterationRecord rec;
     rec.iter = 0;
@@ -82,8 +86,8 @@ IterationRecord free_flow_start(AssignmentState& state, bool progressive) {
     routing_pass(state, true, 1.0f, 1.0f, rec);
     rec.pass_seconds = seconds_since(t0);
     progress("[%s][iter 0] incremental free-flow routing: %lld paths, %lld unreachable, %.1fs\n",
-             now_hms(), static_cast<long long>(rec.rerouted), static_cast<long long>(rec.unreachable),
-             rec.pass_seconds);
+             now_hms(), static_cast<long long>(rec.rerouted),
+             static_cast<long long>(rec.unreachable), rec.pass_seconds);
     return rec;
 }
 
@@ -133,8 +137,8 @@ void price_current_paths(AssignmentState& state) {
         RouteKey& k = trips.route_keys[i];
         if (k.path_offset >= 0 && k.n_links != 0) {
             const RouteWeights& kw = w[k.segment % kMaxSegments];
-            k.imped = path_cost(net, arena + k.path_offset, k.n_links, slot_depart_min(trips, k.slot),
-                                kw.time_w, kw.dist_w, kw.toll_w);
+            k.imped = path_cost(net, arena + k.path_offset, k.n_links,
+                                slot_depart_min(trips, k.slot), kw.time_w, kw.dist_w, kw.toll_w);
         } else {
             k.imped = 0.0f;
         }
@@ -204,7 +208,8 @@ std::vector<IterationRecord> run_assignment(AssignmentState& state) {
         price_current_paths(state);
 
         const Clock::time_point t0 = Clock::now();
-        const float reroute_frac = std::max(a.reroute_fraction_min, 2.0f / static_cast<float>(k + 1));
+        const float reroute_frac =
+            std::max(a.reroute_fraction_min, 2.0f / static_cast<float>(k + 1));
         const float step = 1.0f / static_cast<float>(k);
         IterationRecord rec;
         rec.iter = i;
@@ -212,10 +217,11 @@ std::vector<IterationRecord> run_assignment(AssignmentState& state) {
         rec.pass_seconds = seconds_since(t0);
         measure(trips, a.reroute_threshold_min, rec);
         records.push_back(rec);
-        progress("[%s][iter %d] rel_gap=%.5f  gap=%.0f veh-min  cost=%.0f veh-min  rerouted=%lld  "
-                 "stable=%.1f%%  frac=%.3f  pass=%.1fs\n",
-                 now_hms(), i, rec.rel_gap, rec.gap, rec.cost, static_cast<long long>(rec.rerouted),
-                 rec.stable_pct, reroute_frac, rec.pass_seconds);
+        progress(
+            "[%s][iter %d] rel_gap=%.5f  gap=%.0f veh-min  cost=%.0f veh-min  rerouted=%lld  "
+            "stable=%.1f%%  frac=%.3f  pass=%.1fs\n",
+            now_hms(), i, rec.rel_gap, rec.gap, rec.cost, static_cast<long long>(rec.rerouted),
+            rec.stable_pct, reroute_frac, rec.pass_seconds);
 
         const bool sampling_over = !progressive || fraction >= 0.999f;
         const bool converged = rec.rel_gap < a.relative_gap && sampling_over;

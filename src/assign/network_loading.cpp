@@ -51,7 +51,8 @@ inline bool key_path(const RouteKey& key, int32_t k, const std::vector<int32_t>&
 
 void walk_path(const Network& net, const int32_t* links, int32_t n_links, int slot,
                float slot_minutes, float load, float* table) {
-    walk(net, links, n_links, slot, slot_minutes, load, [table](size_t at, float p) { table[at] += p; });
+    walk(net, links, n_links, slot, slot_minutes, load,
+         [table](size_t at, float p) { table[at] += p; });
 }
 
 void load_paths_full(const LinkLoadContext& ctx, const TripTable& trips,
@@ -82,8 +83,8 @@ void load_paths_full(const LinkLoadContext& ctx, const TripTable& trips,
             const int32_t* links;
             int32_t n;
             if (!key_path(key, static_cast<int32_t>(k), path_arena, overlay, links, n)) continue;
-            walk_path(net, links, n, key.slot, trips.slot_minutes, key.weight * trips.pce[key.segment],
-                      table);
+            walk_path(net, links, n, key.slot, trips.slot_minutes,
+                      key.weight * trips.pce[key.segment], table);
         }
         // Merge in thread order, so that a given thread count always sums the same way.
 #pragma omp for schedule(static)
@@ -112,8 +113,8 @@ void load_paths_delta(const LinkLoadContext& ctx, const TripTable& trips,
         if (!(key.weight > 0.0f)) continue;
         const float load = key.weight * trips.pce[key.segment];
         if (key.path_offset >= 0 && key.n_links > 0)
-            walk(net, path_arena.data() + key.path_offset, key.n_links, key.slot, trips.slot_minutes,
-                 -load, atomic_add);
+            walk(net, path_arena.data() + key.path_offset, key.n_links, key.slot,
+                 trips.slot_minutes, -load, atomic_add);
         if (overlay && overlay->owner[k] >= 0)
             walk(net, overlay->thread_arena[overlay->owner[k]].data() + overlay->new_offset[k],
                  overlay->new_len[k], key.slot, trips.slot_minutes, load, atomic_add);
@@ -213,7 +214,8 @@ void update_link_times(const LinkLoadContext& ctx) {
     for (int32_t l = 0; l < n; ++l) {
         Link& link = net.links[l];
         if (link.flow_tier != kTierLtm) continue;
-        ltm_update(link, ctx.ltm_max_spillback_min, spill.data() + static_cast<size_t>(l) * kIntervals);
+        ltm_update(link, ctx.ltm_max_spillback_min,
+                   spill.data() + static_cast<size_t>(l) * kIntervals);
     }
 #pragma omp parallel for schedule(dynamic, 4096)
     for (int32_t l = 0; l < n; ++l) {

@@ -111,7 +111,8 @@ void load_links(Network& net, const std::string& path) {
         link.is_connector = link.ftype == 51;
 
         float speed = 0;
-        const float posted_first = c.speed >= 0 ? static_cast<float>(field_f64(field_at(f, c.speed))) : 0;
+        const float posted_first =
+            c.speed >= 0 ? static_cast<float>(field_f64(field_at(f, c.speed))) : 0;
         if (c.speed >= 0 && posted_first > 0)
             speed = posted_first;
         else if (c.postspeed >= 0)

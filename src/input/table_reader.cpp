@@ -137,7 +137,9 @@ LineReader::LineReader(const std::string& path) {
     }
 }
 
-LineReader::~LineReader() { close(); }
+LineReader::~LineReader() {
+    close();
+}
 
 void LineReader::close() {
     if (zs) {

@@ -9,8 +9,8 @@
 #include "assign/assignment_state.h"
 #include "assign/equilibrium.h"
 #include "input/network.h"
-#include "input/turn_table.h"
 #include "input/trip_table.h"
+#include "input/turn_table.h"
 #include "run/log.h"
 #include "run/run_config.h"
 #include "toll/toll_tables.h"
@@ -99,10 +99,10 @@ bool apply_county_filter(const RunConfig& config, const Network& net, TripTable&
             k.reachable = false;
         }
     }
-    progress("[%s][county-filter] %s (id %d): kept %lld intra-county keys (%.0f veh), dropped %.0f "
-             "veh of out-of-county demand\n",
-             now_hms(), config.county_filter.c_str(), static_cast<int>(id), kept, kept_veh,
-             dropped_veh);
+    progress(
+        "[%s][county-filter] %s (id %d): kept %lld intra-county keys (%.0f veh), dropped %.0f "
+        "veh of out-of-county demand\n",
+        now_hms(), config.county_filter.c_str(), static_cast<int>(id), kept, kept_veh, dropped_veh);
     if (kept == 0) {
         std::fprintf(stderr, "[county-filter] no intra-county trips\n");
         return false;
@@ -120,17 +120,19 @@ int run_phases(RunConfig& config) {
     long long centroids = 0, no_county = 0;
     for (const Node& n : net.nodes) centroids += n.is_centroid;
     for (const Link& l : net.links) no_county += l.county == kNoCounty;
-    progress("[%s][network] %d nodes (%lld centroids), %d links, %d counties, %lld links without "
-             "county, %.1fs\n",
-             now_hms(), net.node_count(), centroids, net.link_count(),
-             static_cast<int>(net.county_names.size()), no_county, seconds_since(t0));
+    progress(
+        "[%s][network] %d nodes (%lld centroids), %d links, %d counties, %lld links without "
+        "county, %.1fs\n",
+        now_hms(), net.node_count(), centroids, net.link_count(),
+        static_cast<int>(net.county_names.size()), no_county, seconds_since(t0));
 
     apply_discharge_factors(config, net);
     if (config.signal_model) {
         const long long changed = apply_signal_model(net, config);
-        progress("[%s][signal] model applied to %lld signalized links (sat=%.0f vphpl, C=%.0fs, "
-                 "g/C=%.2f)\n",
-                 now_hms(), changed, config.signal_sat_flow, config.signal_cycle, config.signal_gc);
+        progress(
+            "[%s][signal] model applied to %lld signalized links (sat=%.0f vphpl, C=%.0fs, "
+            "g/C=%.2f)\n",
+            now_hms(), changed, config.signal_sat_flow, config.signal_cycle, config.signal_gc);
     }
     apply_static_settings(config, net);
     select_node_model(config);
@@ -144,8 +146,8 @@ int run_phases(RunConfig& config) {
 
     t0 = Clock::now();
     TripTable trips;
-    const TripLoadSummary loaded = load_trips(config.trip_file, net, trips, config.max_trips,
-                                              adjacency, config.sample_every);
+    const TripLoadSummary loaded =
+        load_trips(config.trip_file, net, trips, config.max_trips, adjacency, config.sample_every);
     print_trip_summary(loaded, trips, seconds_since(t0));
     if (loaded.rows_loaded == 0) {
         std::fprintf(stderr, "no trips loaded\n");

@@ -19,7 +19,8 @@ void apply_discharge_factors(const RunConfig& config, Network& net) {
         ++changed;
     }
     std::printf("[network] discharge factors applied to %lld links (", changed);
-    for (const auto& [ftype, factor] : config.discharge_factor) std::printf(" %d=%.2f", ftype, factor);
+    for (const auto& [ftype, factor] : config.discharge_factor)
+        std::printf(" %d=%.2f", ftype, factor);
     progress(" )\n");
 }
 
@@ -53,7 +54,8 @@ void apply_static_settings(RunConfig& config, Network& net) {
 
 void select_node_model(RunConfig& config) {
     AssignmentSettings& a = config.assignment;
-    if (config.macro_model == MacroModel::DTA_NodePQ || config.macro_model == MacroModel::DTA_NodeLTM) {
+    if (config.macro_model == MacroModel::DTA_NodePQ ||
+        config.macro_model == MacroModel::DTA_NodeLTM) {
         a.node_mode = config.macro_model == MacroModel::DTA_NodePQ ? 1 : 2;
         a.node_dt = config.node_dt;
         a.node_cumulative = config.node_method == 1;
@@ -65,7 +67,8 @@ void select_node_model(RunConfig& config) {
 void assign_flow_tiers(const RunConfig& config, Network& net) {
     const bool ltm = config.macro_model == MacroModel::DTA_LTM;
     for (Link& l : net.links)
-        if (l.flow_tier != kTierMeso) l.flow_tier = (l.is_connector || !ltm) ? kTierPointQueue : kTierLtm;
+        if (l.flow_tier != kTierMeso)
+            l.flow_tier = (l.is_connector || !ltm) ? kTierPointQueue : kTierLtm;
 
     const auto& meso_ftype = config.meso_ftype;
     if (!net.is_static) {
@@ -87,11 +90,13 @@ void assign_flow_tiers(const RunConfig& config, Network& net) {
                 l.flow_tier = kTierPointQueue;
                 ++fell_back;
             }
-        if (fell_back > 0 || config.meso_all_links || config.meso_interstates || !meso_ftype.empty())
-            std::fprintf(stderr,
-                         "[%s][flow-model] STA_BPR + meso is unsupported; meso ignored (%lld dta_meso "
-                         "links -> BPR)\n",
-                         now_hms(), fell_back);
+        if (fell_back > 0 || config.meso_all_links || config.meso_interstates ||
+            !meso_ftype.empty())
+            std::fprintf(
+                stderr,
+                "[%s][flow-model] STA_BPR + meso is unsupported; meso ignored (%lld dta_meso "
+                "links -> BPR)\n",
+                now_hms(), fell_back);
     }
 
     long long ltm_links = 0, meso_links = 0;
@@ -138,8 +143,10 @@ void apply_storage(const RunConfig& config, Network& net) {
     long long ltm_links = 0;
     for (const Link& l : net.links) ltm_links += l.flow_tier == kTierLtm;
     if (ltm_links > 0)
-        progress("[%s][ltm] %lld LTM links | jam_density=%.0f veh/mi/lane | max spillback delay=%.0f min\n",
-                 now_hms(), ltm_links, config.jam_density, config.assignment.ltm_max_spillback_min);
+        progress(
+            "[%s][ltm] %lld LTM links | jam_density=%.0f veh/mi/lane | max spillback delay=%.0f "
+            "min\n",
+            now_hms(), ltm_links, config.jam_density, config.assignment.ltm_max_spillback_min);
 }
 
 void write_resolution_map(const RunConfig& config, const Network& net) {
@@ -160,8 +167,8 @@ void write_resolution_map(const RunConfig& config, const Network& net) {
                      l.dta_micro ? "MICRO" : "MESO");
     }
     std::fclose(f);
-    progress("[%s][flow-model] resolution map: %lld MESO + %lld MICRO links -> %s\n", now_hms(), meso,
-             micro, path.c_str());
+    progress("[%s][flow-model] resolution map: %lld MESO + %lld MICRO links -> %s\n", now_hms(),
+             meso, micro, path.c_str());
 }
 
 }  // namespace torvex

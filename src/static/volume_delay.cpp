@@ -18,7 +18,8 @@ float vdf_delay(const Network& net, const Link& link, float x, int n) {
             const float T = std::max(0.001f, static_cast<float>(n) * 15.0f / 60.0f);
             const float C = std::max(0.001f, link.capacity_vph);
             const float ja = net.akcelik_ja;
-            const float root = std::sqrt(std::max(0.0f, (x - 1.0f) * (x - 1.0f) + 8.0f * ja * x / (C * T)));
+            const float root =
+                std::sqrt(std::max(0.0f, (x - 1.0f) * (x - 1.0f) + 8.0f * ja * x / (C * T)));
             const float d = (root + (x - 1.0f)) * (T * 0.25f * 60.0f);
             return d < 0.0f ? 0.0f : d;
         }

@@ -29,7 +29,8 @@ Network chain(int n_links, float cap_vph, float ff_min) {
     return net;
 }
 
-TripTable keys_on(std::initializer_list<std::pair<int, float>> slot_weight, float slot_minutes = 60) {
+TripTable keys_on(std::initializer_list<std::pair<int, float>> slot_weight,
+                  float slot_minutes = 60) {
     TripTable t;
     t.slot_minutes = slot_minutes;
     for (auto [slot, w] : slot_weight) {
@@ -41,7 +42,9 @@ TripTable keys_on(std::initializer_list<std::pair<int, float>> slot_weight, floa
     return t;
 }
 
-double total(const std::vector<float>& v) { return std::accumulate(v.begin(), v.end(), 0.0); }
+double total(const std::vector<float>& v) {
+    return std::accumulate(v.begin(), v.end(), 0.0);
+}
 
 TEST(NetworkLoading, WalkSpreadsSubSlotsAndStopsAtTheHorizon) {
     Network net = chain(3, 1000, 10.0f);

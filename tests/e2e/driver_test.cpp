@@ -10,10 +10,10 @@
 namespace torvex {
 namespace {
 
-using fixture::RunResult;
-using fixture::TempDir;
 using fixture::file_exists;
 using fixture::read_file;
+using fixture::RunResult;
+using fixture::TempDir;
 using fixture::write_file;
 
 // Log lines with their "[HH:MM:SS]" prefix replaced by "[T]".
@@ -42,8 +42,8 @@ struct Region {
         write_file(dir.file("TRIPS.csv"), "hh_id,O,D,hour\n1,100,200,8\n");
     }
     RunResult run(std::vector<std::string> args) const {
-        std::vector<std::string> all = {"--node", "NODE.csv", "--link", "LINK.csv", "--trips",
-                                        "TRIPS.csv", "--out-dir", "out"};
+        std::vector<std::string> all = {"--node",  "NODE.csv",  "--link",    "LINK.csv",
+                                        "--trips", "TRIPS.csv", "--out-dir", "out"};
         all.insert(all.end(), args.begin(), args.end());
         return fixture::run_program(TORVEX_BIN, all, dir.path);
     }
@@ -60,8 +60,11 @@ TEST(DriverArguments, HelpUnknownAndMissingValues) {
     RunResult help = r.run_raw({"--help"});
     EXPECT_EQ(help.exit_code, 0);
     EXPECT_EQ(help.err, "");
-    EXPECT_EQ(help.out.rfind("Morvane DTA (MVP)\nusage: torvex --control RUN.ctl [overrides]\n", 0), 0u);
-    EXPECT_TRUE(has_line(help.out, "                         (links + entry times) every iteration to trace_paths.csv"));
+    EXPECT_EQ(help.out.rfind("Morvane DTA (MVP)\nusage: torvex --control RUN.ctl [overrides]\n", 0),
+              0u);
+    EXPECT_TRUE(has_line(
+        help.out,
+        "                         (links + entry times) every iteration to trace_paths.csv"));
     EXPECT_EQ(r.run_raw({"-h"}).out, help.out);
 
     RunResult upper = r.run_raw({"-H"});
@@ -141,18 +144,23 @@ TEST(DriverRun, NetworkPhaseLinesAndClosingLine) {
     EXPECT_TRUE(file_exists(r.dir.file("deep/er/out")));
     const std::string out = untimed(run.out);
     EXPECT_TRUE(has_line(out, "[network] 1 links tagged MESO via dta_meso column"));
-    EXPECT_TRUE(std::regex_search(out, std::regex(R"(\n\[T\]\[network\] 6 nodes \(2 centroids\), 10 )"
-                                                  R"(links, 2 counties, 0 links without county, \d+\.\ds\n)")));
-    EXPECT_TRUE(has_line(out, "[T][signal] model applied to 2 signalized links (sat=1800 vphpl, "
-                              "C=120s, g/C=0.45)"));
-    EXPECT_TRUE(has_line(out, "[T][flow-model] macro=DTA_NodeLTM (conserving+spillback) | 0 LTM, 1 "
-                              "MESO, rest point queue"));
-    EXPECT_TRUE(has_line(out, "[T][flow-model] resolution map: 1 MESO + 0 MICRO links -> "
-                              "deep/er/out/resolution_map.csv"));
+    EXPECT_TRUE(std::regex_search(
+        out, std::regex(R"(\n\[T\]\[network\] 6 nodes \(2 centroids\), 10 )"
+                        R"(links, 2 counties, 0 links without county, \d+\.\ds\n)")));
+    EXPECT_TRUE(has_line(out,
+                         "[T][signal] model applied to 2 signalized links (sat=1800 vphpl, "
+                         "C=120s, g/C=0.45)"));
+    EXPECT_TRUE(has_line(out,
+                         "[T][flow-model] macro=DTA_NodeLTM (conserving+spillback) | 0 LTM, 1 "
+                         "MESO, rest point queue"));
+    EXPECT_TRUE(has_line(out,
+                         "[T][flow-model] resolution map: 1 MESO + 0 MICRO links -> "
+                         "deep/er/out/resolution_map.csv"));
     EXPECT_EQ(read_file(r.dir.file("deep/er/out/resolution_map.csv")),
               "a_node,b_node,ftype,lanes,length_mi,tier\n100,1,51,1,0.200,MESO\n");
     EXPECT_TRUE(std::regex_search(
-        out, std::regex(R"(\n\[T\] Morvane DTA run complete -- total runtime \d+s \(\d+\.\ds\)\n$)")));
+        out,
+        std::regex(R"(\n\[T\] Morvane DTA run complete -- total runtime \d+s \(\d+\.\ds\)\n$)")));
     EXPECT_EQ(out.find("[T] Morvane DTA run started\n"), 0u);
 }
 
@@ -161,19 +169,27 @@ TEST(DriverRun, LayersTiersAndStorage) {
     r.control("pq.ctl", "MACRO_MODEL DTA_PointQueue\n");
     // A flag before --control is overwritten by the file; one after it wins.
     RunResult before = r.run({"--macro-model", "DTA_LTM", "--control", "pq.ctl"});
-    EXPECT_TRUE(has_line(before.out, "[T][flow-model] macro=DTA_PointQueue | 0 LTM, 1 MESO, rest point queue"));
-    RunResult after = r.run({"--control", "pq.ctl", "--macro-model", "LTM", "--jam-density", "200"});
+    EXPECT_TRUE(has_line(before.out,
+                         "[T][flow-model] macro=DTA_PointQueue | 0 LTM, 1 MESO, rest point queue"));
+    RunResult after =
+        r.run({"--control", "pq.ctl", "--macro-model", "LTM", "--jam-density", "200"});
     // Under LTM connectors stay point queue, the tagged connector stays MESO.
-    EXPECT_TRUE(has_line(after.out, "[T][flow-model] macro=DTA_LTM | 6 LTM, 1 MESO, rest point queue"));
-    EXPECT_TRUE(has_line(after.out,
-                         "[T][ltm] 6 LTM links | jam_density=200 veh/mi/lane | max spillback delay=20 min"));
+    EXPECT_TRUE(
+        has_line(after.out, "[T][flow-model] macro=DTA_LTM | 6 LTM, 1 MESO, rest point queue"));
+    EXPECT_TRUE(has_line(
+        after.out,
+        "[T][ltm] 6 LTM links | jam_density=200 veh/mi/lane | max spillback delay=20 min"));
 
     RunResult meso = r.run({"--meso-interstates", "--meso-ftype", "3"});
-    EXPECT_TRUE(has_line(meso.out, "[T][flow-model] macro=DTA_NodeLTM (conserving+spillback) | 0 LTM, "
-                                   "7 MESO, rest point queue"));
+    EXPECT_TRUE(has_line(meso.out,
+                         "[T][flow-model] macro=DTA_NodeLTM (conserving+spillback) | 0 LTM, "
+                         "7 MESO, rest point queue"));
 
     // A failing open of the resolution map does not stop the run.
-    ASSERT_EQ(system(("rm -f " + r.dir.file("out/resolution_map.csv") + " && mkdir -p " + r.dir.file("out/resolution_map.csv")).c_str()), 0);
+    ASSERT_EQ(system(("rm -f " + r.dir.file("out/resolution_map.csv") + " && mkdir -p " +
+                      r.dir.file("out/resolution_map.csv"))
+                         .c_str()),
+              0);
     RunResult blocked = r.run({});
     EXPECT_EQ(blocked.exit_code, 0);
     EXPECT_EQ(untimed(blocked.out).find("resolution map:"), std::string::npos);
@@ -181,27 +197,34 @@ TEST(DriverRun, LayersTiersAndStorage) {
 
 TEST(DriverRun, StaticSettingsAndMesoFallback) {
     Region r;
-    r.control("sta.ctl", "MACRO_MODEL STA_BPR\nROUTE_CHUNKS 5\nSTA_VDF conical\nBPR_PERIOD_MIN 60\n");
+    r.control("sta.ctl",
+              "MACRO_MODEL STA_BPR\nROUTE_CHUNKS 5\nSTA_VDF conical\nBPR_PERIOD_MIN 60\n");
     RunResult sta = r.run({"--control", "sta.ctl", "--meso-all-links"});
     ASSERT_EQ(sta.exit_code, 0) << sta.err;
-    EXPECT_TRUE(has_line(sta.out, "[T][sta] VDF conical | window 4 x 15 min = 60 min | solver: "
-                                  "bi-conjugate Frank-Wolfe"));
+    EXPECT_TRUE(has_line(sta.out,
+                         "[T][sta] VDF conical | window 4 x 15 min = 60 min | solver: "
+                         "bi-conjugate Frank-Wolfe"));
     EXPECT_TRUE(has_line(sta.out, "[T][sta] conical alpha = 4.000"));
-    EXPECT_TRUE(has_line(sta.out, "[T][sta-bpr] ROUTE_CHUNKS=5 ignored: all-or-nothing routes the "
-                                  "whole demand against one frozen cost field"));
-    EXPECT_TRUE(has_line(sta.err, "[T][flow-model] STA_BPR + meso is unsupported; meso ignored (1 "
-                                  "dta_meso links -> BPR)"));
-    EXPECT_TRUE(has_line(sta.out, "[T][flow-model] macro=STA_BPR (static assignment, BPR VDF) | 0 LTM, "
-                                  "0 MESO, rest point queue"));
+    EXPECT_TRUE(has_line(sta.out,
+                         "[T][sta-bpr] ROUTE_CHUNKS=5 ignored: all-or-nothing routes the "
+                         "whole demand against one frozen cost field"));
+    EXPECT_TRUE(has_line(sta.err,
+                         "[T][flow-model] STA_BPR + meso is unsupported; meso ignored (1 "
+                         "dta_meso links -> BPR)"));
+    EXPECT_TRUE(has_line(sta.out,
+                         "[T][flow-model] macro=STA_BPR (static assignment, BPR VDF) | 0 LTM, "
+                         "0 MESO, rest point queue"));
 
     // --chunks never sets the explicit flag; ROUTE_CHUNKS 1 prints nothing either.
     r.control("sta2.ctl", "MACRO_MODEL BPR\nSTA_METHOD msa\nBPR_OVERCAP_BETA_MULT 2\n");
     RunResult quiet = r.run({"--control", "sta2.ctl", "--chunks", "5"});
-    EXPECT_TRUE(has_line(quiet.out, "[T][sta] VDF bpr | window 1 x 15 min = 15 min | solver: MSA (step 1/k)"));
+    EXPECT_TRUE(has_line(quiet.out,
+                         "[T][sta] VDF bpr | window 1 x 15 min = 15 min | solver: MSA (step 1/k)"));
     EXPECT_TRUE(has_line(quiet.out, "[T][sta] BPR beta x 2.000 above capacity (v/c > 1)"));
     EXPECT_EQ(quiet.out.find("ignored"), std::string::npos);
-    EXPECT_TRUE(has_line(quiet.err, "[T][flow-model] STA_BPR + meso is unsupported; meso ignored (1 "
-                                    "dta_meso links -> BPR)"));
+    EXPECT_TRUE(has_line(quiet.err,
+                         "[T][flow-model] STA_BPR + meso is unsupported; meso ignored (1 "
+                         "dta_meso links -> BPR)"));
 }
 
 TEST(DriverRun, DischargeSignalsAndMicroTags) {
@@ -210,24 +233,28 @@ TEST(DriverRun, DischargeSignalsAndMicroTags) {
               "DISCHARGE_FACTOR_11 0.9\nDISCHARGE_FACTOR_3 1.0\nSIGNAL_GC_3 0.6\nMICRO_FTYPE 71\n");
     RunResult run = r.run({"--control", "d.ctl"});
     ASSERT_EQ(run.exit_code, 0) << run.err;
-    EXPECT_TRUE(has_line(run.out, "[network] discharge factors applied to 2 links ( 3=1.00 11=0.90 )"));
+    EXPECT_TRUE(
+        has_line(run.out, "[network] discharge factors applied to 2 links ( 3=1.00 11=0.90 )"));
     // SIGNAL_GC_n turns the model on; the line reports the general green share.
-    EXPECT_TRUE(has_line(run.out, "[T][signal] model applied to 2 signalized links (sat=1800 vphpl, "
-                                  "C=120s, g/C=0.45)"));
+    EXPECT_TRUE(has_line(run.out,
+                         "[T][signal] model applied to 2 signalized links (sat=1800 vphpl, "
+                         "C=120s, g/C=0.45)"));
     EXPECT_TRUE(has_line(run.out, "[T][flow-model] 2 links tagged MICRO via MICRO_FTYPE"));
-    EXPECT_TRUE(has_line(run.out, "[T][flow-model] resolution map: 1 MESO + 2 MICRO links -> "
-                                  "out/resolution_map.csv"));
+    EXPECT_TRUE(has_line(run.out,
+                         "[T][flow-model] resolution map: 1 MESO + 2 MICRO links -> "
+                         "out/resolution_map.csv"));
     EXPECT_NE(read_file(r.dir.file("out/resolution_map.csv")).find("2,3,71,1,0.500,MICRO\n"),
               std::string::npos);
 
     // Without the corridor, dta_micro tags from the LINK file are cleared again.
     write_file(r.dir.file("LINK_micro.csv"),
                "A,B,DISTANCE,NLANES,CAPACITY,FTYPE,micro\n100,1,1,1,1,51,1\n1,100,1,1,1,51,1\n");
-    RunResult cleared = r.run_raw({"--node", "NODE.csv", "--link", "LINK_micro.csv", "--trips", "T",
-                                   "--out-dir", "o2"});
+    RunResult cleared = r.run_raw(
+        {"--node", "NODE.csv", "--link", "LINK_micro.csv", "--trips", "T", "--out-dir", "o2"});
     EXPECT_TRUE(has_line(cleared.out, "[network] 2 links tagged MICRO via dta_micro column"));
-    EXPECT_TRUE(has_line(cleared.out, "[T][flow-model] MICRO_CORRIDOR off -- cleared 2 dta_micro "
-                                      "tag(s); those links report under macro/meso"));
+    EXPECT_TRUE(has_line(cleared.out,
+                         "[T][flow-model] MICRO_CORRIDOR off -- cleared 2 dta_micro "
+                         "tag(s); those links report under macro/meso"));
     EXPECT_FALSE(file_exists(r.dir.file("o2/resolution_map.csv")));
 }
 
@@ -239,23 +266,27 @@ namespace {
 
 TEST(DriverRun, TripsAndCountyFilter) {
     Region r;
-    write_file(r.dir.file("TRIPS.csv"), "hh_id,O,D,hour,vehTrips\n1,100,200,8,1\n2,100,2,9,2\n3,7,200,8,1\n");
+    write_file(r.dir.file("TRIPS.csv"),
+               "hh_id,O,D,hour,vehTrips\n1,100,200,8,1\n2,100,2,9,2\n3,7,200,8,1\n");
     RunResult run = r.run({});
     ASSERT_EQ(run.exit_code, 0) << run.err;
-    EXPECT_TRUE(has_line(run.out, "[T][segments] 1 segments, no SEGMENT_PARAM_FILE -> GC = travel time "
-                                  "only (beta_time=1, beta_cost=0, distance=0)"));
+    EXPECT_TRUE(has_line(run.out,
+                         "[T][segments] 1 segments, no SEGMENT_PARAM_FILE -> GC = travel time "
+                         "only (beta_time=1, beta_cost=0, distance=0)"));
     EXPECT_NE(untimed(run.out).find("[T][trips] 3 rows read, 2 loaded (1 bad O/D incl. intrazonal"),
               std::string::npos);
 
     RunResult north = r.run({"--county", "North"});
     ASSERT_EQ(north.exit_code, 0) << north.err;
-    EXPECT_TRUE(has_line(north.out, "[T][county-filter] North (id 0): kept 1 intra-county keys (2 veh), "
-                                    "dropped 1 veh of out-of-county demand"));
+    EXPECT_TRUE(has_line(north.out,
+                         "[T][county-filter] North (id 0): kept 1 intra-county keys (2 veh), "
+                         "dropped 1 veh of out-of-county demand"));
 
     RunResult south = r.run({"--county", "South"});
     EXPECT_EQ(south.exit_code, 1);
-    EXPECT_TRUE(has_line(south.out, "[T][county-filter] South (id 1): kept 0 intra-county keys (0 veh), "
-                                    "dropped 3 veh of out-of-county demand"));
+    EXPECT_TRUE(has_line(south.out,
+                         "[T][county-filter] South (id 1): kept 0 intra-county keys (0 veh), "
+                         "dropped 3 veh of out-of-county demand"));
     EXPECT_EQ(south.err, "[county-filter] no intra-county trips\n");
 
     RunResult nowhere = r.run({"--county", "West"});

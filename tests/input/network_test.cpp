@@ -38,7 +38,9 @@ const Link& link_ab(const Network& net, int64_t a, int64_t b) {
     throw std::runtime_error("no link");
 }
 
-const Node& node_n(const Network& net, int64_t n) { return net.nodes[net.node_index.at(n)]; }
+const Node& node_n(const Network& net, int64_t n) {
+    return net.nodes[net.node_index.at(n)];
+}
 
 TEST(NetworkLoader, ColumnsAliasesAndDefaults) {
     Files f("N,X,Y,DTA_TYPE\n1,0,0,\n2,1.5,2,90\n3,2,0,abc\n\n2,9,9,\n",
@@ -84,7 +86,8 @@ TEST(NetworkLoader, ColumnsAliasesAndDefaults) {
     EXPECT_FLOAT_EQ(l12.beta, 4.0f);
     EXPECT_FLOAT_EQ(l12.storage_veh, 1.5f * 240.0f * 3.0f);
     for (float t : l12.travel_time_min) ASSERT_EQ(t, l12.free_flow_min);
-    for (int i = 0; i < kIntervals; ++i) ASSERT_EQ(l12.volume[i] + l12.inflow[i] + l12.queue_veh[i], 0);
+    for (int i = 0; i < kIntervals; ++i)
+        ASSERT_EQ(l12.volume[i] + l12.inflow[i] + l12.queue_veh[i], 0);
 
     const Link& l23 = link_ab(net, 2, 3);
     EXPECT_EQ(l23.lanes, 1);  // NLANES 0
@@ -143,7 +146,7 @@ TEST(NetworkLoader, AdjacencyCentroidsAndCounties) {
     EXPECT_EQ(node_n(net, 4).county, 1);  // only its county link counts
     // The connector leaving the centroid takes the county of its head node.
     EXPECT_EQ(link_ab(net, 100, 1).county, 0);
-    EXPECT_EQ(node_n(net, 100).county, 0);  // leftover node: from its first out link
+    EXPECT_EQ(node_n(net, 100).county, 0);    // leftover node: from its first out link
     EXPECT_EQ(link_ab(net, 4, 5).county, 1);  // from its tail
     EXPECT_EQ(node_n(net, 5).county, 1);      // leftover: from its in link
     EXPECT_EQ(node_n(net, 6).county, kNoCounty);

@@ -10,8 +10,8 @@
 namespace torvex {
 namespace {
 
-using fixture::TempDir;
 using fixture::gzip_member;
+using fixture::TempDir;
 using fixture::write_file;
 
 std::vector<std::string> read_lines(const std::string& path) {
@@ -95,7 +95,8 @@ TEST(LineReader, TruncatedAndCorruptGzipReadUpToTheFault) {
     TempDir dir;
     const std::string text = numbered_rows(200000);
     const std::string whole = gzip_member(text);
-    for (size_t cut : {size_t{5}, size_t{12}, whole.size() / 3, whole.size() - 9, whole.size() - 1}) {
+    for (size_t cut :
+         {size_t{5}, size_t{12}, whole.size() / 3, whole.size() - 9, whole.size() - 1}) {
         write_file(dir.file("cut"), whole.substr(0, cut));
         LineReader r(dir.file("cut"));
         std::string got;
@@ -115,7 +116,8 @@ TEST(LineReader, TruncatedAndCorruptGzipReadUpToTheFault) {
     std::mt19937 rng(7);
     for (int trial = 0; trial < 20; ++trial) {
         std::string bad = whole;
-        for (int k = 0; k < 8; ++k) bad[10 + rng() % (bad.size() - 10)] ^= static_cast<char>(1 + rng() % 255);
+        for (int k = 0; k < 8; ++k)
+            bad[10 + rng() % (bad.size() - 10)] ^= static_cast<char>(1 + rng() % 255);
         write_file(dir.file("bad"), bad);
         LineReader r(dir.file("bad"));
         FieldView line;
@@ -209,7 +211,7 @@ TEST(FieldConversion, ForgivingNumbers) {
     std::string seventy = "1" + std::string(62, '0') + "9999999";
     EXPECT_DOUBLE_EQ(f64(seventy), 1e62);
     std::string long_int = "1234567890123456789" + std::string(12, '0') + "55";
-    EXPECT_EQ(i64(long_int), INT64_MAX);  // 31 digits overflow: strtoll saturates
+    EXPECT_EQ(i64(long_int), INT64_MAX);            // 31 digits overflow: strtoll saturates
     EXPECT_EQ(i64(std::string(40, ' ') + "5"), 0);  // the digit lies past the copy limit
     std::string s = "  1,5 \r";
     EXPECT_EQ(trim_right(FieldView{s.data(), s.size()}).view(), "  1,5");

@@ -37,7 +37,8 @@ TEST(VolumeDelay, CurvesAtZeroCapacityAndBeyond) {
     EXPECT_NEAR(vdf_delay(net, l, 1.0f, 1), 10.0f, 1e-5f);
     net.conical_alpha = 1.001f;  // raised to 1.01 inside the curve
     const float a = 1.01f, g = (2 * a - 1) / (2 * a - 2), u = -1.0f;
-    EXPECT_NEAR(vdf_delay(net, l, 2.0f, 1), (std::sqrt(a * a * u * u + g * g) + 2 - a * u - g - 1) * 10, 1e-3f);
+    EXPECT_NEAR(vdf_delay(net, l, 2.0f, 1),
+                (std::sqrt(a * a * u * u + g * g) + 2 - a * u - g - 1) * 10, 1e-3f);
 
     // Akcelik at capacity over one interval: sqrt(8 J x / (C T)) * 15 T.
     net.vdf_kind = 2;

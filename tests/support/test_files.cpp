@@ -35,16 +35,22 @@ std::string read_file(const std::string& path) {
     return s.str();
 }
 
-bool file_exists(const std::string& path) { return std::filesystem::exists(path); }
+bool file_exists(const std::string& path) {
+    return std::filesystem::exists(path);
+}
 
 std::string gzip_member(const std::string& text, bool extra, bool name, bool comment, bool hcrc) {
     std::string out;
-    unsigned char flags = (hcrc ? 0x02 : 0) | (extra ? 0x04 : 0) | (name ? 0x08 : 0) |
-                          (comment ? 0x10 : 0);
+    unsigned char flags =
+        (hcrc ? 0x02 : 0) | (extra ? 0x04 : 0) | (name ? 0x08 : 0) | (comment ? 0x10 : 0);
     out += std::string("\x1f\x8b\x08", 3);
     out += static_cast<char>(flags);
     out += std::string(6, '\0');
-    if (extra) out += std::string("\x05\x00" "ABCDE", 7);
+    if (extra)
+        out += std::string(
+            "\x05\x00"
+            "ABCDE",
+            7);
     if (name) out += std::string("trips.csv\0", 10);
     if (comment) out += std::string("made by a test\0", 15);
     if (hcrc) out += std::string("\x12\x34", 2);
@@ -61,7 +67,8 @@ std::string gzip_member(const std::string& text, bool extra, bool name, bool com
     deflateEnd(&zs);
     out += body;
 
-    uLong crc = crc32(0L, reinterpret_cast<const Bytef*>(text.data()), static_cast<uInt>(text.size()));
+    uLong crc =
+        crc32(0L, reinterpret_cast<const Bytef*>(text.data()), static_cast<uInt>(text.size()));
     uint32_t size = static_cast<uint32_t>(text.size());
     for (int i = 0; i < 4; ++i) out += static_cast<char>((crc >> (8 * i)) & 0xff);
     for (int i = 0; i < 4; ++i) out += static_cast<char>((size >> (8 * i)) & 0xff);

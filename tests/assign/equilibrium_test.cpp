@@ -1,0 +1,209 @@
+#include "assign/equilibrium.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+
+#include "input/network.h"
+#include "input/trip_table.h"
+#include "support/test_files.h"
+
+namespace torvex {
+namespace {
+
+using fixture::TempDir;
+using fixture::write_file;
+
+// Four origin zones feed node 10; a short freeway (10-11) and a longer arterial pair
+// (10-12-11) lead to node 11 and the destination zone 2. Peak demand overloads the freeway.
+constexpr int kZones = 12;
+
+std::string nodes() {
+    std::string s = "N,X,Y\n2,9,0\n10,1,0\n11,5,0\n12,3,2\n";
+    for (int z = 21; z < 21 + kZones; ++z)
+        s += std::to_string(z) + ",0," + std::to_string(z) + "\n";
+    return s;
+}
+
+struct Corridor {
+    TempDir dir;
+    Network net;
+    TripTable trips;
+    CountyAdjacency adj;
+    RunConfig config;
+
+    explicit Corridor(MacroModel model, int per_zone_hour = 180) {
+        write_file(dir.file("N.csv"), nodes());
+        std::string links =
+            "A,B,DISTANCE,NLANES,CAPACITY,FTYPE,SPEED\n"
+            "10,11,5,2,1000,11,60\n"
+            "10,12,3,1,900,3,40\n12,11,3,1,900,3,40\n"
+            "11,2,0.1,1,9000,51,30\n2,11,0.1,1,9000,51,30\n";
+        std::string rows = "hh_id,O,D,hour\n";
+        int id = 0;
+        for (int z = 21; z < 21 + kZones; ++z) {
+            links += std::to_string(z) + ",10,0.1,1,9000,51,30\n10," + std::to_string(z) +
+                     ",0.1,1,9000,51,30\n";
+            for (int h = 7; h <= 9; ++h)
+                for (int t = 0; t < per_zone_hour; ++t)
+                    rows += std::to_string(++id) + "," + std::to_string(z) + ",2," +
+                            std::to_string(h) + "\n";
+        }
+        write_file(dir.file("L.csv"), links);
+        write_file(dir.file("T.csv"), rows);
+        net = load_network(dir.file("N.csv"), dir.file("L.csv"));
+        adj = build_county_adjacency(net);
+        load_trips(dir.file("T.csv"), net, trips, 0, adj, 1);
+        config.macro_model = model;
+        config.assignment.route_chunks = 2;
+        config.assignment.node_mode = 0;  // link loaders, as the driver selects for these models
+        for (Link& l : net.links)
+            if (model == MacroModel::DTA_LTM && !l.is_connector) l.flow_tier = kTierLtm;
+    }
+};
+
+TEST(Equilibrium, GapFallsAndDemandIsLoaded) {
+    for (MacroModel model : {MacroModel::DTA_PointQueue, MacroModel::DTA_LTM}) {
+        Corridor c(model);
+        c.config.assignment.max_iterations = 12;
+        c.config.assignment.relative_gap = 1e-6f;
+        AssignmentState state;
+        prepare_assignment(state, c.net, c.trips, c.adj, c.config, nullptr);
+        testing::internal::CaptureStdout();
+        std::vector<IterationRecord> recs = run_assignment(state);
+        const std::string log = testing::internal::GetCapturedStdout();
+        ASSERT_GE(recs.size(), 3u);
+        ASSERT_LE(recs.size(), 13u);
+        EXPECT_EQ(recs[0].iter, 0);
+        EXPECT_EQ(recs[0].rerouted, 3 * kZones);  // every key takes its free-flow path
+        EXPECT_GT(recs[1].rel_gap, 0.05);         // all keys on the freeway: heavily congested
+        std::string gaps;
+        for (const IterationRecord& r : recs) gaps += " " + std::to_string(r.rel_gap);
+        EXPECT_LT(recs.back().rel_gap, recs[1].rel_gap * 0.2) << gaps;
+        EXPECT_LT(recs.back().rel_gap, 0.02) << gaps;
+        EXPECT_NE(log.find("[iter " + std::to_string(recs.back().iter) + "] rel_gap="),
+                  std::string::npos);
+
+        // Both routes carry demand, and every key's path runs from its origin to its destination.
+        double freeway = 0, arterial = 0;
+        for (int i = 0; i < kIntervals; ++i)
+            freeway += c.net.links[0].inflow[i], arterial += c.net.links[1].inflow[i];
+        EXPECT_GT(freeway, 0);
+        EXPECT_GT(arterial, 0);
+        // What enters the destination connector is all the demand (no key is cut at the horizon).
+        double into_dest = 0;
+        for (int i = 0; i < kIntervals; ++i) into_dest += c.net.links[3].inflow[i];
+        EXPECT_NEAR(into_dest, kZones * 3 * 180, 1.0);
+        for (const RouteKey& k : c.trips.route_keys) {
+            ASSERT_GE(k.path_offset, 0);
+            const int32_t* p = state.path_arena.data() + k.path_offset;
+            EXPECT_EQ(c.net.links[p[0]].from, k.origin);
+            EXPECT_EQ(c.net.links[p[k.n_links - 1]].to, k.dest);
+            for (int j = 1; j < k.n_links; ++j)
+                ASSERT_EQ(c.net.links[p[j - 1]].to, c.net.links[p[j]].from);
+        }
+    }
+}
+
+TEST(Equilibrium, StopFileZeroIterationsAndFreeFlowConvergence) {
+    Corridor c(MacroModel::DTA_PointQueue);
+    c.config.assignment.max_iterations = 0;
+    AssignmentState none;
+    prepare_assignment(none, c.net, c.trips, c.adj, c.config, nullptr);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(run_assignment(none).size(), 1u);
+    testing::internal::GetCapturedStdout();
+
+    Corridor s(MacroModel::DTA_PointQueue);
+    s.config.assignment.max_iterations = 9;
+    s.config.assignment.stop_file = s.dir.file("STOP");
+    write_file(s.config.assignment.stop_file, "");
+    AssignmentState stopped;
+    prepare_assignment(stopped, s.net, s.trips, s.adj, s.config, nullptr);
+    testing::internal::CaptureStdout();
+    std::vector<IterationRecord> recs = run_assignment(stopped);
+    std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(recs.size(), 2u);
+    EXPECT_NE(log.find("[stop] stop-file '" + s.config.assignment.stop_file +
+                       "' detected -> halting at iteration 1\n"),
+              std::string::npos);
+    EXPECT_TRUE(fixture::file_exists(s.config.assignment.stop_file));  // left in place
+
+    // Light demand never congests: the free-flow paths are at equilibrium at iteration 1.
+    Corridor light(MacroModel::DTA_PointQueue, 5);
+    light.config.assignment.max_iterations = 9;
+    AssignmentState easy;
+    prepare_assignment(easy, light.net, light.trips, light.adj, light.config, nullptr);
+    testing::internal::CaptureStdout();
+    recs = run_assignment(easy);
+    log = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(recs.size(), 2u);
+    EXPECT_EQ(recs[1].rel_gap, 0.0);
+    EXPECT_NE(log.find("[converged] rel_gap 0.00000 < eps 0.01000 at iteration 1\n"),
+              std::string::npos);
+}
+
+TEST(Equilibrium, ProgressiveSamplingIsNestedAndScaled) {
+    Corridor c(MacroModel::DTA_PointQueue);
+    double total = 0;
+    for (const Trip& t : c.trips.trips) total += t.weight;
+    std::set<int64_t> quarter, half;
+    const int64_t active = resample_keys(c.trips, 0.25f);
+    EXPECT_EQ(active, 3 * kZones);
+    double w = 0;
+    for (const RouteKey& k : c.trips.route_keys) w += k.weight;
+    EXPECT_NEAR(w / total, 1.0, 0.1);  // about a quarter of the trips, each counted four times
+    // Nested: every trip in the 25% sample is in the 50% sample (the hash does not depend on f).
+    auto picked = [](int64_t agent, float f) {
+        uint64_t h = static_cast<uint64_t>(agent) * 0x9E3779B97F4A7C15ull;
+        h = (h ^ (h >> 29)) * 0xBF58476D1CE4E5B9ull;
+        return static_cast<float>(static_cast<double>(h >> 40) * (1.0 / 16777216.0)) < f;
+    };
+    for (const Trip& t : c.trips.trips) {
+        if (picked(t.agent_id, 0.25f)) quarter.insert(t.agent_id);
+        if (picked(t.agent_id, 0.5f)) half.insert(t.agent_id);
+    }
+    for (int64_t a : quarter) ASSERT_TRUE(half.count(a));
+    resample_keys(c.trips, 0.5f);
+    double expect = 0;
+    for (const Trip& t : c.trips.trips)
+        if (half.count(t.agent_id)) expect += t.weight * 2.0;
+    w = 0;
+    for (const RouteKey& k : c.trips.route_keys) w += k.weight;
+    EXPECT_NEAR(w, expect, 1e-3);
+    // An unreachable key gets nothing back.
+    c.trips.route_keys[0].reachable = false;
+    resample_keys(c.trips, 1.0f);
+    EXPECT_EQ(c.trips.route_keys[0].weight, 0.0f);
+    EXPECT_GT(c.trips.route_keys[1].weight, 0.0f);
+
+    // The loop under a schedule: sampled iterations do not converge until the sample is whole.
+    Corridor s(MacroModel::DTA_PointQueue, 5);
+    s.config.assignment.max_iterations = 6;
+    s.config.assignment.sample_schedule = {0.25f, 0.25f, 1.0f};
+    AssignmentState state;
+    prepare_assignment(state, s.net, s.trips, s.adj, s.config, nullptr);
+    testing::internal::CaptureStdout();
+    std::vector<IterationRecord> recs = run_assignment(state);
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_NE(log.find("[sample] progressive schedule on; iter 0-1 at 25% sample -> "),
+              std::string::npos);
+    EXPECT_NE(log.find("[sample] iter 3: refine 25% -> 100% ("), std::string::npos);
+    EXPECT_EQ(recs.back().iter, 3);  // converged once the whole demand was in
+}
+
+TEST(Equilibrium, SchedulesAndTheirDescription) {
+    EXPECT_EQ(schedule_value({}, 7, 3), 7);
+    EXPECT_EQ(schedule_value({1, 1, 0}, 7, 0), 1);
+    EXPECT_EQ(schedule_value({1, 1, 0}, 7, 9), 0);  // the last entry stays in force
+    EXPECT_EQ(describe_schedule({1, 1, 1, 0}, 1, 20), "1-3:per_chunk  4-20:per_iter  ");
+    EXPECT_EQ(describe_schedule({5}, 1, 1), "1:every5  ");
+    EXPECT_EQ(describe_schedule({0, 2, 2}, 1, 4), "1:per_iter  2-4:every2  ");
+    EXPECT_EQ(describe_schedule({0}, 1, 0), "");
+    EXPECT_FLOAT_EQ(sample_value({0.1f, 0.5f}, 7), 0.5f);
+    EXPECT_FLOAT_EQ(sample_value({}, 2), 1.0f);
+}
+
+}  // namespace
+}  // namespace torvex
