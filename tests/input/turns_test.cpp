@@ -136,3 +136,30 @@ TEST(TurnTable, Failures) {
 
 }  // namespace
 }  // namespace torvex
+
+namespace torvex {
+namespace {
+
+TEST(TurnTable, ArbitraryBytesAreCountedNotFatal) {
+    std::string text = "FROM_NODE,THRU_NODE,TO_NODE,PENALTY\n1,2,3,-2\n";
+    uint32_t h = 777u;
+    for (int i = 0; i < 20000; ++i) {
+        h ^= h << 13, h ^= h >> 17, h ^= h << 5;
+        const char pick[] = "12345,,,,\n-. \r\x01";
+        text.push_back(h % 9 == 0 ? static_cast<char>(h >> 8) : pick[(h >> 8) % (sizeof pick - 1)]);
+    }
+    const Loaded l = load(text);
+    EXPECT_GT(l.summary.rows, 1000);
+    EXPECT_EQ(l.summary.rows, l.summary.prohibited + l.summary.penalized + l.summary.unresolved);
+    EXPECT_LE(l.table.entries.size(), static_cast<size_t>(l.summary.rows - l.summary.unresolved));
+    // A prohibition carries 0 or a negative value; a penalty is never negative.
+    for (const auto& [key, e] : l.table.entries) {
+        if (e.prohibited)
+            EXPECT_LE(e.penalty_min, 0.0f);
+        else
+            EXPECT_GE(e.penalty_min, 0.0f);
+    }
+}
+
+}  // namespace
+}  // namespace torvex

@@ -223,3 +223,47 @@ TEST(CapacitySchedule, Failures) {
 
 }  // namespace
 }  // namespace torvex
+
+namespace torvex {
+namespace {
+
+// Arbitrary bytes after a valid header: each loader finishes, and what it stores stays within
+// the ranges the tables promise.
+TEST(SideTables, ArbitraryBytesStayWithinRange) {
+    TempDir dir;
+    const std::string path = dir.file("noise.csv");
+    uint32_t h = 12345u;
+    std::string noise;
+    for (int i = 0; i < 20000; ++i) {
+        h ^= h << 13, h ^= h >> 17, h ^= h << 5;
+        // Mostly digits, separators and line ends, so rows reach the converters.
+        const char pick[] = "0123456789,,,,::..-@\n\r Nn\xff";
+        noise.push_back(h % 7 == 0 ? static_cast<char>(h >> 8)
+                                   : pick[(h >> 8) % (sizeof pick - 1)]);
+    }
+    Network net = test_net();
+    write_file(path, "A,B,no_trucks,hot_occ_min,hot_discount,ev_discount\n1,2\n" + noise);
+    load_output(load_lane_use, path, net);
+    for (const Link& l : net.links) {
+        EXPECT_GE(l.hot_discount, 0.0f);
+        EXPECT_LE(l.hot_discount, 0.95f);
+        EXPECT_GE(l.ev_discount, 0.0f);
+        EXPECT_LE(l.ev_discount, 0.95f);
+    }
+    write_file(path, "A,B,start,end,added_lanes,added_vph\n" + noise);
+    load_output(load_capacity_schedule, path, net);
+    for (const auto& [link, schedule] : net.capacity_schedules) {
+        EXPECT_EQ(net.links[link].has_capacity_schedule, 1);
+        for (float v : schedule) EXPECT_GE(v, 0.0f);
+    }
+    write_file(path, "policy_id,type,start,end,toll,density_min,density_max\n" + noise);
+    load_output(load_toll_policies, path, net);
+    for (const TollPolicy& p : net.toll_policies.policies) {
+        for (size_t i = 1; i < p.tod_rows.size(); ++i)
+            EXPECT_LE(p.tod_rows[i - 1].start_min, p.tod_rows[i].start_min);
+        for (const TollTodRow& r : p.tod_rows) EXPECT_GE(r.start_min, 0.0f);
+    }
+}
+
+}  // namespace
+}  // namespace torvex
