@@ -62,6 +62,28 @@ inline uint64_t route_key_identity(int32_t origin, int32_t dest, uint32_t slot, 
     return id;
 }
 
+// Open-addressing map from a key's packed identity to its index, built for tens of millions of
+// keys: one flat array, no allocation per key, one cache line per probe. Identities stay below
+// kFree (origins are non-negative), which marks an empty slot.
+struct KeyIndex {
+    static constexpr uint64_t kFree = ~uint64_t{0};
+    struct Slot {
+        uint64_t id;
+        int32_t value;
+    };
+    std::vector<Slot> slots;  // size a power of two, or empty
+    size_t count = 0;
+
+    size_t size() const { return count; }
+    // The index stored for id, or -1.
+    int32_t find(uint64_t id) const;
+    // The index stored for id; when absent, stores `fresh` and returns it.
+    int32_t find_or_insert(uint64_t id, int32_t fresh);
+    // Room for n identities without growing.
+    void reserve(size_t n);
+    void clear();
+};
+
 // Name-to-id maps looked up by view, so that a row's text is copied only when it is new.
 struct NameHash {
     using is_transparent = void;
@@ -70,9 +92,9 @@ struct NameHash {
 using NameIndex = std::unordered_map<std::string, uint8_t, NameHash, std::equal_to<>>;
 
 struct TripTable {
-    std::vector<Trip> trips;                          // in file order
-    std::vector<RouteKey> route_keys;                 // in order of first appearance
-    std::unordered_map<uint64_t, int32_t> key_index;  // route_key_identity to index
+    std::vector<Trip> trips;           // in file order
+    std::vector<RouteKey> route_keys;  // in order of first appearance
+    KeyIndex key_index;                // route_key_identity to index
 
     float slot_minutes = 60.0f;
     int32_t num_slots = 30;

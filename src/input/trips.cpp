@@ -1,9 +1,13 @@
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <stdexcept>
 
 #include "input/network.h"
 #include "input/table_reader.h"
+#include "input/trip_memory.h"
 #include "input/trip_table.h"
 #include "run/log.h"
 
@@ -75,10 +79,15 @@ struct Interner {
 
     uint8_t id(std::string_view text) {
         if (last >= 0 && names[last] == text) return static_cast<uint8_t>(last);
-        auto it = index.find(text);
-        if (it != index.end()) {
-            last = it->second;
-            return it->second;
+        if (names.size() <= 16) {  // a short scan beats hashing the text
+            for (size_t i = 0; i < names.size(); ++i)
+                if (names[i] == text) return static_cast<uint8_t>(last = static_cast<int>(i));
+        } else {
+            auto it = index.find(text);
+            if (it != index.end()) {
+                last = it->second;
+                return it->second;
+            }
         }
         const uint8_t id = static_cast<uint8_t>(names.size());
         names.emplace_back(text);
@@ -87,6 +96,97 @@ struct Interner {
         return id;
     }
 };
+
+// field_i64 without its copy and strtoll for the common plain-digit field; same results.
+int64_t row_i64(FieldView f) {
+    const char* p = f.data;
+    const size_t n = f.size;
+    if (n == 0 || n > 18) return field_i64(f);
+    const bool negative = p[0] == '-';
+    size_t i = negative ? 1 : 0;
+    if (i == n) return field_i64(f);
+    int64_t v = 0;
+    for (; i < n; ++i) {
+        const unsigned d = static_cast<unsigned>(p[i] - '0');
+        if (d > 9) return field_i64(f);
+        v = v * 10 + d;
+    }
+    return negative ? -v : v;
+}
+
+// field_f64 for plain decimals of at most 15 digits: the digits and the power of ten are exact
+// doubles, so one division rounds exactly as strtod does. Anything else goes to field_f64.
+double row_f64(FieldView f) {
+    static constexpr double kPow10[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                        1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+    const char* p = f.data;
+    const size_t n = f.size;
+    if (n == 0 || n > 63) return field_f64(f);
+    const bool negative = p[0] == '-';
+    uint64_t m = 0;
+    int digits = 0, frac = -1;
+    for (size_t i = negative ? 1 : 0; i < n; ++i) {
+        if (p[i] == '.') {
+            if (frac >= 0) return field_f64(f);
+            frac = 0;
+            continue;
+        }
+        const unsigned d = static_cast<unsigned>(p[i] - '0');
+        if (d > 9 || ++digits > 15) return field_f64(f);
+        m = m * 10 + d;
+        if (frac >= 0) ++frac;
+    }
+    if (digits == 0) return field_f64(f);
+    const double v = frac > 0 ? static_cast<double>(m) / kPow10[frac] : static_cast<double>(m);
+    return negative ? -v : v;
+}
+
+// Node ids to indices as node_index has them; a direct table when the ids are dense enough.
+struct NodeLookup {
+    const std::unordered_map<int64_t, int32_t>& map;
+    uint64_t base = 0;
+    std::vector<int32_t> dense;
+
+    explicit NodeLookup(const std::unordered_map<int64_t, int32_t>& m) : map(m) {
+        if (m.empty()) return;
+        int64_t lo = m.begin()->first, hi = lo;
+        for (const auto& [id, index] : m) lo = std::min(lo, id), hi = std::max(hi, id);
+        const uint64_t span = static_cast<uint64_t>(hi) - static_cast<uint64_t>(lo);
+        if (span >= 4 * static_cast<uint64_t>(m.size()) + 4096) return;
+        base = static_cast<uint64_t>(lo);
+        dense.assign(span + 1, -1);
+        for (const auto& [id, index] : m) dense[static_cast<uint64_t>(id) - base] = index;
+    }
+    int32_t find(int64_t id) const {
+        if (!dense.empty()) {
+            const uint64_t off = static_cast<uint64_t>(id) - base;
+            return off < dense.size() ? dense[off] : -1;
+        }
+        auto it = map.find(id);
+        return it == map.end() ? -1 : it->second;
+    }
+};
+
+// Room for the whole file in `trips`, judged from the bytes per row so far; for gzip the text
+// size is the file size times the inflate ratio so far. Unused room is never touched.
+void reserve_trips(const std::string& path, const LineReader& reader, int64_t row_bytes,
+                   int64_t rows, int64_t max_trips, int32_t sample_every, TripTable& table) {
+    std::error_code ec;
+    const double file_bytes = static_cast<double>(std::filesystem::file_size(path, ec));
+    if (ec || rows <= 0 || row_bytes <= 0) return;
+    double text_bytes = file_bytes;
+    if (reader.gzip) {
+        if (!reader.zs || reader.zs->total_in == 0) return;
+        text_bytes *= static_cast<double>(reader.zs->total_out) / reader.zs->total_in;
+    }
+    double want = text_bytes / (static_cast<double>(row_bytes) / rows) * 1.05 + 1024;
+    if (sample_every > 1) want /= sample_every;
+    if (max_trips >= 1) want = std::min(want, static_cast<double>(max_trips));
+    want = std::min(want, 4.0e9);
+    // Keys never outnumber trips; room that stays unused is never touched.
+    reserve_large(table.trips, static_cast<size_t>(want));
+    reserve_large(table.route_keys, static_cast<size_t>(want));
+}
 
 bool ev_flag(FieldView f) {
     const std::string_view v = trim_right(f).view();
@@ -120,79 +220,6 @@ struct HourRange {
 
 }  // namespace
 
-float clock_minutes(std::string_view text) {
-    auto blank = [](char ch) { return ch == ' ' || ch == '\t' || ch == '\r' || ch == '\n'; };
-    while (!text.empty() && blank(text.front())) text.remove_prefix(1);
-    while (!text.empty() && blank(text.back())) text.remove_suffix(1);
-    if (text.empty()) return -1.0f;
-    auto same_word = [&](std::string_view word) {
-        if (text.size() != word.size()) return false;
-        for (size_t i = 0; i < word.size(); ++i) {
-            char ch = text[i];
-            if (ch >= 'a' && ch <= 'z') ch = static_cast<char>(ch - 'a' + 'A');
-            if (ch != word[i]) return false;
-        }
-        return true;
-    };
-    if (same_word("NOON")) return 720.0f;
-    if (same_word("MIDNIGHT")) return 0.0f;
-
-    auto digits = [](std::string_view s) {
-        if (s.empty()) return false;
-        for (char ch : s)
-            if (ch < '0' || ch > '9') return false;
-        return true;
-    };
-    auto number = [](std::string_view s) {  // digits and at most one '.', already checked
-        double v = 0, scale = 0;
-        for (char ch : s) {
-            if (ch == '.') {
-                scale = 1;
-                continue;
-            }
-            if (scale > 0) scale /= 10;
-            v = scale > 0 ? v + (ch - '0') * scale : v * 10 + (ch - '0');
-        }
-        return v;
-    };
-    double days = 0;
-    const size_t at = text.find('@');
-    if (at != std::string_view::npos) {
-        if (!digits(text.substr(0, at))) return -1.0f;
-        days = number(text.substr(0, at));
-        text.remove_prefix(at + 1);
-    }
-    const size_t c1 = text.find(':');
-    if (c1 == std::string_view::npos) return -1.0f;  // a bare number is refused
-    const std::string_view hours = text.substr(0, c1);
-    std::string_view minutes = text.substr(c1 + 1), seconds;
-    bool has_seconds = false;
-    const size_t c2 = minutes.find(':');
-    if (c2 != std::string_view::npos) {
-        seconds = minutes.substr(c2 + 1);
-        minutes = minutes.substr(0, c2);
-        has_seconds = true;
-    }
-    if (!digits(hours) || !digits(minutes)) return -1.0f;
-    double sec = 0;
-    if (has_seconds) {
-        size_t dots = 0, numerals = 0;
-        for (char ch : seconds) {
-            if (ch == '.')
-                ++dots;
-            else if (ch >= '0' && ch <= '9')
-                ++numerals;
-            else
-                return -1.0f;  // also a third ':'
-        }
-        if (numerals == 0 || dots > 1) return -1.0f;
-        sec = number(seconds);
-    }
-    const double min = number(minutes);
-    if (min > 59 || sec >= 60) return -1.0f;
-    return static_cast<float>(days * 24 * 60 + number(hours) * 60 + min + sec / 60);
-}
-
 TripLoadSummary load_trips(const std::string& path, const Network& network, TripTable& table,
                            int64_t max_trips, const CountyAdjacency& adjacency,
                            int32_t sample_every) {
@@ -215,9 +242,18 @@ TripLoadSummary load_trips(const std::string& path, const Network& network, Trip
     std::vector<FieldView> f;
     f.reserve(64);
 
+    const NodeLookup nodes(network.node_index);
+    int64_t sampled_bytes = 0;
+    constexpr int64_t kSampleRows = 4096;
     while (reader.next_line(line)) {
         if (line.size == 0) continue;
         ++s.rows_read;
+        if (s.rows_read <= kSampleRows) {
+            sampled_bytes += static_cast<int64_t>(line.size) + 1;
+            if (s.rows_read == kSampleRows)
+                reserve_trips(path, reader, sampled_bytes, kSampleRows, max_trips, sample_every,
+                              table);
+        }
         if (s.rows_read % 20000000 == 0)
             progress("[trips] ... %lldM rows read\n",
                      static_cast<long long>(s.rows_read / 1000000));
@@ -225,10 +261,11 @@ TripLoadSummary load_trips(const std::string& path, const Network& network, Trip
         if (sample_every > 1 && s.rows_read % sample_every != 0) continue;
 
         split_csv(line, f);
-        const auto io = network.node_index.find(field_i64(field_at(f, c.o)));
-        const auto id = network.node_index.find(field_i64(field_at(f, c.d)));
-        if (io == network.node_index.end() || id == network.node_index.end() ||
-            io->first == id->first) {
+        const int64_t o_id = row_i64(field_at(f, c.o));
+        const int64_t d_id = row_i64(field_at(f, c.d));
+        const int32_t origin = nodes.find(o_id);
+        const int32_t dest = nodes.find(d_id);
+        if (origin < 0 || dest < 0 || o_id == d_id) {
             ++s.bad_od;
             continue;
         }
@@ -247,13 +284,13 @@ TripLoadSummary load_trips(const std::string& path, const Network& network, Trip
                 continue;
             }
         } else if (c.encoding == Departure::period) {
-            slot = field_i64(dep);
+            slot = row_i64(dep);
             if (slot < 0 || slot >= num_slots) {
                 range.reject(s, slot);
                 continue;
             }
         } else {
-            const int64_t hour = field_i64(dep);
+            const int64_t hour = row_i64(dep);
             if (hour < 1 || hour > 30) {
                 range.reject(s, hour);
                 continue;
@@ -264,7 +301,7 @@ TripLoadSummary load_trips(const std::string& path, const Network& network, Trip
 
         double value = 1.0;
         if (c.veh_trips >= 0) {
-            value = field_f64(field_at(f, c.veh_trips));
+            value = row_f64(field_at(f, c.veh_trips));
             if (!(value > 0)) {
                 ++s.zero_weight;
                 continue;
@@ -273,13 +310,13 @@ TripLoadSummary load_trips(const std::string& path, const Network& network, Trip
 
         Trip t;
         t.agent_id = s.rows_read;
-        t.hh_id = field_i64(field_at(f, c.hh));
-        t.person_id = field_i64(field_at(f, c.person));
-        t.tour_id = static_cast<int32_t>(field_i64(field_at(f, c.tour)));
-        t.trip_id = static_cast<int32_t>(field_i64(field_at(f, c.trip)));
-        t.value_of_time = static_cast<float>(field_f64(field_at(f, c.vot)));
+        t.hh_id = row_i64(field_at(f, c.hh));
+        t.person_id = row_i64(field_at(f, c.person));
+        t.tour_id = static_cast<int32_t>(row_i64(field_at(f, c.tour)));
+        t.trip_id = static_cast<int32_t>(row_i64(field_at(f, c.trip)));
+        t.value_of_time = static_cast<float>(row_f64(field_at(f, c.vot)));
         t.weight = sample * static_cast<float>(value);
-        if (c.occupancy >= 0) t.occupancy = occupancy_of(field_f64(field_at(f, c.occupancy)));
+        if (c.occupancy >= 0) t.occupancy = occupancy_of(row_f64(field_at(f, c.occupancy)));
         if (c.vehicle_type >= 0) t.is_ev = ev_flag(field_at(f, c.vehicle_type));
         if (c.purpose >= 0) t.purpose = purposes.id(trim_right(field_at(f, c.purpose)).view());
         if (c.market >= 0) t.market = markets.id(trim_right(field_at(f, c.market)).view());
@@ -295,26 +332,25 @@ TripLoadSummary load_trips(const std::string& path, const Network& network, Trip
         table.vot_weight_sum[seg] += static_cast<double>(t.value_of_time) * t.weight;
         table.weight_sum[seg] += t.weight;
 
-        const int32_t origin = io->second, dest = id->second;
         const uint64_t identity =
             route_key_identity(origin, dest, static_cast<uint32_t>(slot), seg);
-        auto [it, fresh] =
-            table.key_index.try_emplace(identity, static_cast<int32_t>(table.route_keys.size()));
-        if (fresh) {
-            RouteKey k;
-            k.origin = origin;
-            k.dest = dest;
-            k.slot = static_cast<uint8_t>(slot);
-            k.segment = seg;
-            table.route_keys.push_back(k);
+        const int32_t next = static_cast<int32_t>(table.route_keys.size());
+        const int32_t k = table.key_index.find_or_insert(identity, next);
+        if (k == next) {
+            RouteKey fresh;
+            fresh.origin = origin;
+            fresh.dest = dest;
+            fresh.slot = static_cast<uint8_t>(slot);
+            fresh.segment = seg;
+            table.route_keys.push_back(fresh);
         }
-        RouteKey& key = table.route_keys[it->second];
+        RouteKey& key = table.route_keys[k];
         if (key.weight == 0.0f)
             key.scope = static_cast<uint8_t>(
                 county_scope(static_cast<int16_t>(network.nodes[origin].county),
                              static_cast<int16_t>(network.nodes[dest].county), adjacency));
         key.weight += t.weight;
-        t.route_key = it->second;
+        t.route_key = k;
         table.trips.push_back(t);
         ++s.rows_loaded;
     }

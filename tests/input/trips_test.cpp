@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <map>
 #include <stdexcept>
 #include <tuple>
 
 #include "input/network.h"
+#include "input/table_reader.h"
 #include "input/trip_table.h"
 #include "run/run_config.h"
 #include "support/test_files.h"
@@ -222,7 +224,7 @@ TEST(TripLoader, KeysFoldInOrderWithScopeAndConserveWeight) {
         EXPECT_EQ(key.path_offset, -1);
         EXPECT_EQ(key.n_links, 0);
         EXPECT_TRUE(key.reachable);
-        EXPECT_EQ(t.key_index.at(route_key_identity(key.origin, key.dest, key.slot, key.segment)),
+        EXPECT_EQ(t.key_index.find(route_key_identity(key.origin, key.dest, key.slot, key.segment)),
                   static_cast<int32_t>(k));
     }
     EXPECT_EQ(t.key_index.size(), t.route_keys.size());
@@ -425,6 +427,97 @@ TEST(TripLoader, SummaryAndMarketScaleLines) {
     EXPECT_EQ(w, (std::vector<float>{30.0f, 40.0f, 5.0f, 3.0f, 3.0f}));
     // Trip weights stay as loaded.
     EXPECT_EQ(t.trips[0].weight, 10.0f);
+}
+
+TEST(TripLoader, NumbersReadAsTheForgivingConverters) {
+    // Row fields are converted in place; every form must read exactly as field_i64 / field_f64.
+    const std::vector<std::string> ints = {"7",
+                                           "-7",
+                                           "+7",
+                                           " 7",
+                                           "7 ",
+                                           "007",
+                                           "-0",
+                                           "",
+                                           "x7",
+                                           "7x",
+                                           "1e3",
+                                           "-",
+                                           "999999999999999999",
+                                           "9999999999999999999",
+                                           "-9223372036854775808",
+                                           "123456789012345678901234567890123"};
+    const std::vector<std::string> reals = {"6.33",
+                                            "-0.1",
+                                            "0.1",
+                                            "12",
+                                            "1e2",
+                                            " 2.5",
+                                            "2.5 ",
+                                            ".5",
+                                            "5.",
+                                            ".",
+                                            "-",
+                                            "",
+                                            "1.2.3",
+                                            "123456789012345",
+                                            "1234567890123456",
+                                            "0.000000000000001",
+                                            "3.4028236e38",
+                                            "nan",
+                                            "2.675",
+                                            "1.0000000000000002",
+                                            "+1.5",
+                                            "0x10"};
+    Demand d;
+    std::string text = "O,D,hour,hh_id,valueOfTime,tour_id\n";
+    for (size_t i = 0; i < std::max(ints.size(), reals.size()); ++i)
+        text += "10,20,8," + ints[i % ints.size()] + "," + reals[i % reals.size()] + "," +
+                ints[i % ints.size()] + "\n";
+    TripTable t;
+    d.load(text, t);
+    ASSERT_EQ(t.trips.size(), std::max(ints.size(), reals.size()));
+    for (size_t i = 0; i < t.trips.size(); ++i) {
+        const std::string& a = ints[i % ints.size()];
+        const std::string& r = reals[i % reals.size()];
+        EXPECT_EQ(t.trips[i].hh_id, field_i64(FieldView{a.data(), a.size()})) << a;
+        EXPECT_EQ(t.trips[i].tour_id,
+                  static_cast<int32_t>(field_i64(FieldView{a.data(), a.size()})))
+            << a;
+        const float want = static_cast<float>(field_f64(FieldView{r.data(), r.size()}));
+        if (std::isnan(want))
+            EXPECT_TRUE(std::isnan(t.trips[i].value_of_time)) << r;
+        else
+            EXPECT_EQ(t.trips[i].value_of_time, want) << r;
+    }
+}
+
+TEST(TripLoader, KeyIndexGrowsAndFinds) {
+    KeyIndex index;
+    EXPECT_EQ(index.find(5), -1);
+    // Identities that differ only in their low (segment and slot) bits crowd one region.
+    for (int32_t i = 0; i < 50000; ++i) {
+        const uint64_t id = route_key_identity(i / 4000, i % 4000, i % 7, i % 32);
+        EXPECT_EQ(index.find_or_insert(id, i), i);
+    }
+    EXPECT_EQ(index.size(), 50000u);
+    EXPECT_LE(index.size() * 10, index.slots.size() * 7);
+    for (int32_t i = 0; i < 50000; ++i) {
+        const uint64_t id = route_key_identity(i / 4000, i % 4000, i % 7, i % 32);
+        ASSERT_EQ(index.find(id), i);
+        ASSERT_EQ(index.find_or_insert(id, -5), i);  // present: the stored index wins
+    }
+    EXPECT_EQ(index.find(route_key_identity(99, 0, 0, 0)), -1);
+    EXPECT_EQ(index.size(), 50000u);
+    const uint64_t id4000 = route_key_identity(1, 0, 4000 % 7, 4000 % 32);
+    const size_t before = index.slots.size();
+    index.reserve(before);  // growing keeps every entry
+    EXPECT_GT(index.slots.size(), before);
+    EXPECT_EQ(index.find(id4000), 4000);
+    EXPECT_EQ(index.size(), 50000u);
+    index.clear();
+    EXPECT_EQ(index.find(id4000), -1);
+    EXPECT_EQ(index.size(), 0u);
 }
 
 }  // namespace
