@@ -7,6 +7,8 @@
 #include "assign/network_loading.h"
 #include "assign/router.h"
 #include "assign/routing_pass.h"
+#include "node/node_model.h"
+#include "report/outputs.h"
 #include "run/log.h"
 
 namespace torvex {
@@ -84,10 +86,14 @@ IterationRecord free_flow_start(AssignmentState& state, bool progressive) {
     rec.iter = 0;
     const Clock::time_point t0 = Clock::now();
     routing_pass(state, true, 1.0f, 1.0f, rec);
+    if (state.node_mode != 0 && state.node_every == 0)
+        run_node_dnl(*state.network, *state.trips, state.path_arena, node_load_params(state, 1.0f),
+                     nullptr);
     rec.pass_seconds = seconds_since(t0);
     progress("[%s][iter 0] incremental free-flow routing: %lld paths, %lld unreachable, %.1fs\n",
              now_hms(), static_cast<long long>(rec.rerouted),
              static_cast<long long>(rec.unreachable), rec.pass_seconds);
+    write_trace_paths(state, 0);
     return rec;
 }
 
@@ -185,6 +191,9 @@ std::vector<IterationRecord> run_assignment(AssignmentState& state) {
             load_paths_full(state.load, trips, state.path_arena, state.volume_table, nullptr);
             blend_inflow(state.load, state.volume_table, 1.0f, 1.0f);
             update_link_times(state.load);
+        } else if (a.max_iterations <= resume_iter) {
+            run_node_dnl(*state.network, trips, state.path_arena, node_load_params(state, 1.0f),
+                         nullptr);
         }
     }
 
@@ -214,8 +223,12 @@ std::vector<IterationRecord> run_assignment(AssignmentState& state) {
         IterationRecord rec;
         rec.iter = i;
         routing_pass(state, false, reroute_frac, step, rec);
+        if (state.node_mode != 0 && state.node_every == 0)
+            run_node_dnl(*state.network, trips, state.path_arena, node_load_params(state, step),
+                         nullptr);
         rec.pass_seconds = seconds_since(t0);
         measure(trips, a.reroute_threshold_min, rec);
+        write_trace_paths(state, i);
         records.push_back(rec);
         progress(
             "[%s][iter %d] rel_gap=%.5f  gap=%.0f veh-min  cost=%.0f veh-min  rerouted=%lld  "

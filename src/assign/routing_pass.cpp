@@ -9,6 +9,7 @@
 
 #include "assign/network_loading.h"
 #include "assign/router.h"
+#include "node/node_model.h"
 #include "run/log.h"
 
 namespace torvex {
@@ -171,11 +172,8 @@ void refresh_after_chunk(AssignmentState& st, int64_t c, int64_t chunks, float s
     }
     const bool due = st.node_every > 0 && ((c + 1) % st.node_every == 0 || last_chunk);
     if (!due) return;
-    // Node-model refresh point. The conserving node loader takes over the link arrays here,
-    // called with this overlay and the node load parameters: dt_sec = NODE_DT, spatial
-    // receiving when node_mode is 2, method = NODE_METHOD, max_delay_min 1440, blend = step,
-    // inject_res_min = NODE_INJECT_RES, interval_turns = NODE_TURNS. Until that loader exists
-    // in this build the link table stays as it is.
+    // The conserving node loader takes over the link arrays, paths of this pass included.
+    run_node_dnl(*st.network, *st.trips, st.path_arena, node_load_params(st, step), &overlay);
 }
 
 // Moves every key's current path into one compact arena in key order.
