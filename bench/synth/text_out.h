@@ -38,7 +38,7 @@ struct TextBuf {
 struct TextFile {
     FILE* f = nullptr;
     bool gzip = false;
-    int level = 6;
+    int level = 1;  // fastest: trip files are large and written once per benchmark
     std::string path;
 };
 
