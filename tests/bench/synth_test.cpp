@@ -311,6 +311,34 @@ TEST(Synth, ExpressLanesFormDetectableTolledFacilities) {
     EXPECT_NE(ctl.find("TOLL_POLICY_FILE toll_policies.csv"), std::string::npos);
 }
 
+TEST(Synth, ExplicitSizesAreHonouredAndKeepTheInvariants) {
+    if (!kSynth) GTEST_SKIP() << "torvex-synth not built";
+    for (const char* seed : {"4", "9"}) {
+        SCOPED_TRACE(seed);
+        TempDir dir;
+        const RunResult r =
+            synth(dir.path, {"--seed", seed, "--zones", "250", "--links", "6000", "--trips",
+                             "20000", "--counties", "7", "--express-lane", "--depart", "period"});
+        ASSERT_EQ(r.exit_code, 0) << r.err;
+        const Network net = load_network(dir.file("NODE.csv"), dir.file("LINK.csv"));
+        EXPECT_EQ(net.county_names.size(), 7u);
+        EXPECT_NEAR(static_cast<double>(net.links.size()), 6000.0, 900.0);
+        int centroids = 0;
+        for (const Node& n : net.nodes) centroids += n.is_centroid;
+        EXPECT_EQ(centroids, 250);
+        expect_zones_strongly_connected(net);
+        expect_counties_contiguous(net);
+        TripTable table;
+        const TripLoadSummary s =
+            load_trips(dir.file("TRIPS.csv"), net, table, 0, build_county_adjacency(net), 1);
+        EXPECT_EQ(s.rows_loaded, 20000);
+        EXPECT_EQ(s.bad_od + s.bad_hour + s.zero_weight, 0);
+        std::set<uint8_t> scopes;
+        for (const RouteKey& k : table.route_keys) scopes.insert(k.scope);
+        EXPECT_EQ(scopes, (std::set<uint8_t>{0, 1, 2})) << "intra, adjacent and far trips";
+    }
+}
+
 TEST(Synth, ArgumentErrors) {
     if (!kSynth) GTEST_SKIP() << "torvex-synth not built";
     TempDir dir;
