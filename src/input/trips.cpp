@@ -182,10 +182,14 @@ void reserve_trips(const std::string& path, const LineReader& reader, int64_t ro
     double want = text_bytes / (static_cast<double>(row_bytes) / rows) * 1.05 + 1024;
     if (sample_every > 1) want /= sample_every;
     if (max_trips >= 1) want = std::min(want, static_cast<double>(max_trips));
-    want = std::min(want, 4.0e9);
-    // Keys never outnumber trips; room that stays unused is never touched.
-    reserve_large(table.trips, static_cast<size_t>(want));
-    reserve_large(table.route_keys, static_cast<size_t>(want));
+    want = std::min(want, text_bytes / 6 + 1024);  // no data row is shorter than "1,2,3\n"
+    // Keys never outnumber trips; room that stays unused is never touched. The room is only a
+    // help: when it cannot be had the vectors grow as usual.
+    try {
+        reserve_large(table.trips, static_cast<size_t>(want));
+        reserve_large(table.route_keys, static_cast<size_t>(want));
+    } catch (const std::exception&) {
+    }
 }
 
 bool ev_flag(FieldView f) {
