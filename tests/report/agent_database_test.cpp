@@ -1,0 +1,337 @@
+#include "report/agent_database.h"
+
+#include <duckdb.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "assign/test_graphs.h"
+#include "input/network.h"
+#include "input/trip_table.h"
+#include "support/test_files.h"
+
+namespace torvex {
+namespace {
+
+using fixture::add_link;
+using fixture::make_nodes;
+using Rows = std::vector<std::vector<std::string>>;
+
+// Reopens a written database through the same C API, as a later query would.
+struct Reader {
+    duckdb_database db = nullptr;
+    duckdb_connection con = nullptr;
+
+    explicit Reader(const std::string& path) {
+        if (duckdb_open(path.c_str(), &db) == DuckDBError)
+            throw std::runtime_error("reopen failed");
+        if (duckdb_connect(db, &con) == DuckDBError) throw std::runtime_error("connect failed");
+    }
+    ~Reader() {
+        duckdb_disconnect(&con);
+        duckdb_close(&db);
+    }
+
+    // Every value as DuckDB's text, "NULL" for a null.
+    Rows rows(const std::string& sql) {
+        duckdb_result r;
+        if (duckdb_query(con, sql.c_str(), &r) == DuckDBError) {
+            std::string err = duckdb_result_error(&r);
+            duckdb_destroy_result(&r);
+            throw std::runtime_error(err);
+        }
+        Rows out;
+        for (idx_t row = 0; row < duckdb_row_count(&r); ++row) {
+            std::vector<std::string> fields;
+            for (idx_t col = 0; col < duckdb_column_count(&r); ++col) {
+                char* v = duckdb_value_varchar(&r, col, row);
+                fields.push_back(v ? v : "NULL");
+                duckdb_free(v);
+            }
+            out.push_back(fields);
+        }
+        duckdb_destroy_result(&r);
+        return out;
+    }
+    int64_t count(const std::string& sql) { return std::stoll(rows(sql).at(0).at(0)); }
+};
+
+struct SmallState {
+    Network net = make_nodes(6);
+    TripTable trips;
+    std::vector<int32_t> arena;
+};
+
+RouteKey make_key(int32_t o, int32_t d, int slot, int scope, int64_t offset, int32_t n, float imped,
+                  float gap) {
+    RouteKey k;
+    k.origin = o;
+    k.dest = d;
+    k.slot = static_cast<uint8_t>(slot);
+    k.scope = static_cast<uint8_t>(scope);
+    k.path_offset = offset;
+    k.n_links = n;
+    k.imped = imped;
+    k.gap = gap;
+    return k;
+}
+
+Trip make_trip(int64_t agent, int64_t hh, int32_t key, int purpose, float weight) {
+    Trip t;
+    t.agent_id = agent;
+    t.hh_id = hh;
+    t.person_id = hh * 10 + 1;
+    t.tour_id = static_cast<int32_t>(agent % 3);
+    t.trip_id = static_cast<int32_t>(agent);
+    t.occupancy = static_cast<uint8_t>(1 + agent % 2);
+    t.route_key = key;
+    t.value_of_time = 12.5f;
+    t.weight = weight;
+    t.purpose = static_cast<uint8_t>(purpose);
+    return t;
+}
+
+// Nodes 1000..1005; links 0..3 chain 1000 -> 1004, link 4 is 1000 -> 1005, link 5 is 1005 -> 1004.
+// Key 2 has no path; key 1's path lies first in the arena, so offsets matter.
+SmallState small_state() {
+    SmallState s;
+    for (int i = 0; i < 4; ++i) add_link(s.net, i, i + 1, 2.0f);
+    add_link(s.net, 0, 5, 3.0f);
+    add_link(s.net, 5, 4, 3.0f);
+    s.arena = {4, 5, 0, 1, 2, 3, 5};
+    s.trips.purpose_names = {"work", "school", "shop"};
+    s.trips.route_keys = {
+        make_key(0, 4, 7, 0, 2, 4, 12.5f, 0.25f), make_key(0, 4, 8, 1, 0, 2, 7.75f, 0.0f),
+        make_key(1, 3, 3, 2, -1, 0, 0.0f, 0.0f), make_key(5, 4, 29, 2, 6, 1, 3.0f, 1.5f)};
+    s.trips.trips = {make_trip(1, 100, 0, 0, 1.0f), make_trip(2, 100, 0, 1, 0.5f),
+                     make_trip(3, 200, 1, 2, 2.0f), make_trip(4, 300, 2, 7, 1.0f),
+                     make_trip(5, 300, 3, 0, 1.0f), make_trip(6, 400, 1, 1, 0.25f)};
+    return s;
+}
+
+TEST(AgentDatabase, TablesRowsAndJoin) {
+    fixture::TempDir dir;
+    const std::string path = dir.file("agentPaths.duckdb");
+    SmallState s = small_state();
+    write_agent_database(path, s.trips, s.arena, s.net, true);
+    Reader db(path);
+
+    // One row per trip in table order; a purpose id past the names gives empty text.
+    const Rows agents = db.rows("SELECT * FROM agents ORDER BY rowid");
+    const Rows want_agents = {
+        {"1", "100", "1001", "1", "1", "2", "1000", "1004", "7", "12.5", "1.0", "work", "intra",
+         "12.5", "0.25", "4", "0"},
+        {"2", "100", "1001", "2", "2", "1", "1000", "1004", "7", "12.5", "0.5", "school", "intra",
+         "12.5", "0.25", "4", "0"},
+        {"3", "200", "2001", "0", "3", "2", "1000", "1004", "8", "12.5", "2.0", "shop", "adjacent",
+         "7.75", "0.0", "2", "1"},
+        {"4", "300", "3001", "1", "4", "1", "1001", "1003", "3", "12.5", "1.0", "", "statewide",
+         "0.0", "0.0", "0", "2"},
+        {"5", "300", "3001", "2", "5", "2", "1005", "1004", "29", "12.5", "1.0", "work",
+         "statewide", "3.0", "1.5", "1", "3"},
+        {"6", "400", "4001", "0", "6", "1", "1000", "1004", "8", "12.5", "0.25", "school",
+         "adjacent", "7.75", "0.0", "2", "1"},
+    };
+    EXPECT_EQ(agents, want_agents);
+
+    // Key paths once per key, in key order, seq from 0; the key without a path has no rows.
+    const Rows key_paths = db.rows("SELECT * FROM key_paths ORDER BY rowid");
+    const Rows want_paths = {{"0", "0", "1000", "1001"}, {"0", "1", "1001", "1002"},
+                             {"0", "2", "1002", "1003"}, {"0", "3", "1003", "1004"},
+                             {"1", "0", "1000", "1005"}, {"1", "1", "1005", "1004"},
+                             {"3", "0", "1005", "1004"}};
+    EXPECT_EQ(key_paths, want_paths);
+
+    // The tables join on key_id: every routed agent's path starts at its origin, ends at its
+    // destination, runs unbroken and has n_links rows.
+    EXPECT_EQ(db.count("SELECT count(*) FROM agents a JOIN key_paths k ON a.key_id = k.key_id "
+                       "AND k.seq = 0 WHERE k.a_node = a.origin"),
+              5);
+    EXPECT_EQ(db.count("SELECT count(*) FROM agents a JOIN key_paths k ON a.key_id = k.key_id "
+                       "AND k.seq = a.n_links - 1 WHERE k.b_node = a.dest"),
+              5);
+    EXPECT_EQ(db.count("SELECT count(*) FROM agents a WHERE a.n_links <> (SELECT count(*) FROM "
+                       "key_paths k WHERE k.key_id = a.key_id)"),
+              0);
+    EXPECT_EQ(db.count("SELECT count(*) FROM key_paths x JOIN key_paths y ON x.key_id = y.key_id "
+                       "AND y.seq = x.seq + 1 WHERE x.b_node <> y.a_node"),
+              0);
+    EXPECT_EQ(db.count("SELECT count(*) FROM agents a LEFT JOIN key_paths k ON a.key_id = "
+                       "k.key_id WHERE k.key_id IS NULL AND a.n_links = 0"),
+              1);
+}
+
+TEST(AgentDatabase, SchemaIsExactlyTheTwoTables) {
+    fixture::TempDir dir;
+    SmallState s = small_state();
+    const char* columns =
+        "SELECT table_name, column_name, data_type FROM information_schema.columns "
+        "ORDER BY table_name, ordinal_position";
+    const Rows agent_cols = {
+        {"agents", "agent_id", "BIGINT"},     {"agents", "hh_id", "BIGINT"},
+        {"agents", "person_id", "BIGINT"},    {"agents", "tour_id", "INTEGER"},
+        {"agents", "trip_id", "INTEGER"},     {"agents", "occupancy", "INTEGER"},
+        {"agents", "origin", "BIGINT"},       {"agents", "dest", "BIGINT"},
+        {"agents", "depart_slot", "INTEGER"}, {"agents", "vot", "FLOAT"},
+        {"agents", "weight", "FLOAT"},        {"agents", "purpose", "VARCHAR"},
+        {"agents", "scope", "VARCHAR"},       {"agents", "cost_min", "FLOAT"},
+        {"agents", "gap_min", "FLOAT"},       {"agents", "n_links", "INTEGER"},
+        {"agents", "key_id", "INTEGER"}};
+    Rows all_cols = agent_cols;
+    for (const char* c : {"key_id", "seq"}) all_cols.push_back({"key_paths", c, "INTEGER"});
+    for (const char* c : {"a_node", "b_node"}) all_cols.push_back({"key_paths", c, "BIGINT"});
+
+    const std::string with = dir.file("with.duckdb");
+    write_agent_database(with, s.trips, s.arena, s.net, true);
+    {
+        Reader db(with);
+        EXPECT_EQ(db.rows(columns), all_cols);
+        EXPECT_EQ(db.rows("SELECT table_name FROM information_schema.tables ORDER BY 1"),
+                  (Rows{{"agents"}, {"key_paths"}}));
+    }
+
+    // Without key paths only the agents table exists, with every row.
+    const std::string without = dir.file("without.duckdb");
+    write_agent_database(without, s.trips, s.arena, s.net, false);
+    {
+        Reader db(without);
+        EXPECT_EQ(db.rows(columns), agent_cols);
+        EXPECT_EQ(db.count("SELECT count(*) FROM agents"), 6);
+    }
+
+    // No trips at all: both tables, no rows.
+    TripTable empty;
+    const std::string none = dir.file("none.duckdb");
+    write_agent_database(none, empty, {}, s.net, true);
+    Reader db(none);
+    EXPECT_EQ(db.rows(columns), all_cols);
+    EXPECT_EQ(db.count("SELECT count(*) FROM agents"), 0);
+    EXPECT_EQ(db.count("SELECT count(*) FROM key_paths"), 0);
+}
+
+// Many rows (several appender chunks) with random values: every value and the order survive.
+TEST(AgentDatabase, RandomStateRoundTrips) {
+    std::mt19937 rng(7);
+    Network net = fixture::random_network(rng, 200, 900, 3);
+    TripTable trips;
+    trips.purpose_names = {"w", "s"};
+    std::vector<int32_t> arena;
+    std::uniform_int_distribution<int> link(0, net.link_count() - 1);
+    std::uniform_real_distribution<float> real(0.0f, 100.0f);
+    int64_t path_rows = 0;
+    for (int k = 0; k < 400; ++k) {
+        RouteKey key =
+            make_key(rng() % 200, rng() % 200, rng() % 30, rng() % 3, -1, 0, real(rng), real(rng));
+        if (k % 5 != 0) {
+            key.path_offset = static_cast<int64_t>(arena.size());
+            key.n_links = 1 + static_cast<int32_t>(rng() % 60);
+            for (int i = 0; i < key.n_links; ++i) arena.push_back(link(rng));
+            path_rows += key.n_links;
+        }
+        trips.route_keys.push_back(key);
+    }
+    for (int i = 0; i < 12000; ++i) {
+        Trip t =
+            make_trip(i + 1, static_cast<int64_t>(rng()) << 20, rng() % 400, rng() % 3, real(rng));
+        t.value_of_time = real(rng);
+        trips.trips.push_back(t);
+    }
+    fixture::TempDir dir;
+    const std::string path = dir.file("agentPaths.duckdb");
+    write_agent_database(path, trips, arena, net, true);
+
+    Reader db(path);
+    const Rows agents = db.rows(
+        "SELECT agent_id, hh_id, vot, weight, cost_min, gap_min, key_id, origin, purpose "
+        "FROM agents ORDER BY rowid");
+    ASSERT_EQ(agents.size(), trips.trips.size());
+    int mismatches = 0;
+    for (size_t i = 0; i < agents.size(); ++i) {
+        const Trip& t = trips.trips[i];
+        const RouteKey& k = trips.route_keys[t.route_key];
+        const std::vector<std::string>& got = agents[i];
+        const std::string purpose = t.purpose < 2 ? trips.purpose_names[t.purpose] : "";
+        // Floats read back as their shortest text, which parses to the same f32.
+        const bool same =
+            got[0] == std::to_string(t.agent_id) && got[1] == std::to_string(t.hh_id) &&
+            std::stof(got[2]) == t.value_of_time && std::stof(got[3]) == t.weight &&
+            std::stof(got[4]) == k.imped && std::stof(got[5]) == k.gap &&
+            got[6] == std::to_string(t.route_key) &&
+            got[7] == std::to_string(net.nodes[k.origin].node_id) && got[8] == purpose;
+        mismatches += !same;
+    }
+    EXPECT_EQ(mismatches, 0);
+
+    const Rows paths = db.rows("SELECT key_id, seq, a_node, b_node FROM key_paths ORDER BY rowid");
+    ASSERT_EQ(static_cast<int64_t>(paths.size()), path_rows);
+    size_t row = 0;
+    mismatches = 0;
+    for (int32_t k = 0; k < static_cast<int32_t>(trips.route_keys.size()); ++k) {
+        const RouteKey& key = trips.route_keys[k];
+        for (int32_t i = 0; key.path_offset >= 0 && i < key.n_links; ++i, ++row) {
+            const Link& l = net.links[arena[key.path_offset + i]];
+            mismatches += paths[row] != std::vector<std::string>{
+                                            std::to_string(k), std::to_string(i),
+                                            std::to_string(l.a_node), std::to_string(l.b_node)};
+        }
+    }
+    EXPECT_EQ(mismatches, 0);
+}
+
+TEST(AgentDatabase, SecondRunReplacesTheFile) {
+    fixture::TempDir dir;
+    const std::string path = dir.file("agentPaths.duckdb");
+    // Whatever stands at the path, even a file that is no database, and a stale log beside it.
+    fixture::write_file(path, "not a database");
+    fixture::write_file(path + ".wal", "stale log");
+    SmallState s = small_state();
+    write_agent_database(path, s.trips, s.arena, s.net, true);
+    {
+        Reader db(path);
+        EXPECT_EQ(db.count("SELECT count(*) FROM agents"), 6);
+    }
+
+    // A smaller second run into the same place holds only its own rows.
+    s.trips.trips.resize(2);
+    s.trips.route_keys.resize(1);
+    write_agent_database(path, s.trips, s.arena, s.net, true);
+    Reader db(path);
+    EXPECT_EQ(db.rows("SELECT agent_id FROM agents ORDER BY rowid"), (Rows{{"1"}, {"2"}}));
+    EXPECT_EQ(db.count("SELECT count(*) FROM key_paths"), 4);
+}
+
+TEST(AgentDatabase, FailuresRaiseTheirTexts) {
+    fixture::TempDir dir;
+    SmallState s = small_state();
+    auto message = [&](const std::string& path) -> std::string {
+        try {
+            write_agent_database(path, s.trips, s.arena, s.net, true);
+        } catch (const std::runtime_error& e) {
+            return e.what();
+        }
+        return "no error";
+    };
+    // An output folder that does not exist.
+    const std::string missing = dir.path + "/missing/agentPaths.duckdb";
+    EXPECT_EQ(message(missing), "duckdb: cannot create " + missing);
+    EXPECT_FALSE(fixture::file_exists(dir.path + "/missing"));
+
+    // A folder whose parent is a plain file.
+    fixture::write_file(dir.file("plain"), "x");
+    const std::string under_file = dir.file("plain") + "/agentPaths.duckdb";
+    EXPECT_EQ(message(under_file), "duckdb: cannot create " + under_file);
+
+    // A directory at the path is not deleted and cannot be opened.
+    const std::string folder = dir.file("agentPaths.duckdb");
+    std::filesystem::create_directory(folder);
+    fixture::write_file(folder + "/keep", "x");
+    EXPECT_EQ(message(folder), "duckdb: cannot create " + folder);
+    EXPECT_TRUE(fixture::file_exists(folder + "/keep"));
+}
+
+}  // namespace
+}  // namespace torvex
