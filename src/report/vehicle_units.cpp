@@ -1,0 +1,85 @@
+// PCE to vehicles: the loaders count passenger-car equivalents; the reports count vehicles. Each
+// link-interval is rescaled by the vehicle / PCE mix of the path demand that entered it.
+#include <omp.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "report/outputs.h"
+#include "report/path_walk.h"
+#include "run/log.h"
+
+namespace torvex {
+
+namespace {
+
+bool all_pce_one(const TripTable& trips) {
+    bool used[kMaxSegments] = {};
+    for (const RouteKey& k : trips.route_keys) used[k.segment % kMaxSegments] = true;
+    for (int s = 0; s < kMaxSegments; ++s)
+        if (used[s] && trips.pce[s] != 1.0f) return false;
+    return true;
+}
+
+}  // namespace
+
+void convert_volumes_to_vehicles(Network& network, const TripTable& trips,
+                                 const std::vector<int32_t>& path_arena) {
+    if (all_pce_one(trips)) return;
+    const size_t cells = static_cast<size_t>(network.link_count()) * kIntervals;
+    std::vector<float> veh(cells, 0.0f), pce_tab(cells, 0.0f);
+    const int n_sub = sub_slots(trips.slot_minutes);
+    // Serial, so that every cell sums in key order whatever the thread count.
+    for (const RouteKey& k : trips.route_keys) {
+        if (!(k.weight > 0.0f) || k.path_offset < 0 || k.n_links == 0 || n_sub <= 0) continue;
+        const float v = k.weight / static_cast<float>(n_sub);
+        const float p = v * trips.pce[k.segment % kMaxSegments];
+        walk_key_path(network, path_arena.data() + k.path_offset, k.n_links, k.slot,
+                      trips.slot_minutes, [&](int32_t l, int i) {
+                          const size_t at = static_cast<size_t>(l) * kIntervals + i;
+                          veh[at] += v;
+                          pce_tab[at] += p;
+                      });
+    }
+
+    // Per-thread partial totals, added in thread order: the line reads the same on every run.
+    const int threads = omp_get_max_threads();
+    std::vector<double> old_part(threads, 0.0), new_part(threads, 0.0);
+    const int64_t n_links = network.link_count();
+#pragma omp parallel num_threads(threads)
+    {
+        double old_sum = 0, new_sum = 0;
+#pragma omp for schedule(static)
+        for (int64_t li = 0; li < n_links; ++li) {
+            Link& l = network.links[li];
+            const float* vv = veh.data() + li * kIntervals;
+            const float* pp = pce_tab.data() + li * kIntervals;
+            float v = 0, p = 0;
+            for (int i = 0; i < kIntervals; ++i) {
+                v += vv[i];
+                p += pp[i];
+            }
+            const float overall = p > 0.0f ? v / p : 1.0f;
+            for (int i = 0; i < kIntervals; ++i) {
+                const float r = pp[i] > 0.0f ? vv[i] / pp[i] : overall;
+                old_sum += l.volume[i];
+                l.volume[i] *= r;
+                l.queue_veh[i] *= r;
+                new_sum += l.volume[i];
+            }
+        }
+        old_part[omp_get_thread_num()] = old_sum;
+        new_part[omp_get_thread_num()] = new_sum;
+    }
+    double old_total = 0, new_total = 0;
+    for (int t = 0; t < threads; ++t) {
+        old_total += old_part[t];
+        new_total += new_part[t];
+    }
+    progress(
+        "[units] link volumes converted PCE -> vehicles (x%.3f overall); queues rescaled with the "
+        "same mix\n",
+        old_total > 0 ? new_total / old_total : 1.0);
+}
+
+}  // namespace torvex

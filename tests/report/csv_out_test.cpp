@@ -1,0 +1,134 @@
+// Hand formatting of the result files against printf itself: every value must print the same bytes.
+#include "report/csv_out.h"
+
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <string>
+
+#include "support/test_files.h"
+
+namespace torvex {
+namespace {
+
+std::string hand(float v, int d) {
+    char buf[kNumberRoom + 8];
+    return std::string(buf, put_fixed(buf, v, d));
+}
+
+std::string ref(float v, int d) {
+    char buf[128];
+    std::snprintf(buf, sizeof buf, "%.*f", d, static_cast<double>(v));
+    return buf;
+}
+
+TEST(CsvFormat, FixedMatchesPrintfOnEveryKindOfValue) {
+    // Exact ties at each precision: printf rounds them to even, so must we.
+    const float ties[] = {0.5f,    1.5f,    2.5f,    -2.5f,   0.25f,      0.75f,    0.125f,
+                          0.375f,  -0.625f, 0.0625f, 1.0625f, 2.0625f,    0.03125f, 0.15625f,
+                          0.5625f, 1.4375f, 1023.5f, -3.125f, 8388607.5f, 0.00125f};
+    const float specials[] = {0.0f,
+                              -0.0f,
+                              -0.001f,
+                              -0.0049f,
+                              0.005f,
+                              0.015f,
+                              0.045f,
+                              1e-45f,
+                              -1e-45f,
+                              FLT_MIN,
+                              FLT_MAX,
+                              -FLT_MAX,
+                              1e15f,
+                              9.99999e14f,
+                              1.0e16f,
+                              123456789.0f,
+                              16777217.0f,
+                              std::numeric_limits<float>::infinity(),
+                              -std::numeric_limits<float>::infinity(),
+                              std::numeric_limits<float>::quiet_NaN(),
+                              -std::numeric_limits<float>::quiet_NaN()};
+    for (int d = 0; d <= 4; ++d) {
+        for (float v : ties) EXPECT_EQ(hand(v, d), ref(v, d)) << v << " d=" << d;
+        for (float v : specials) EXPECT_EQ(hand(v, d), ref(v, d)) << v << " d=" << d;
+    }
+    EXPECT_EQ(hand(2.5f, 0), "2");
+    EXPECT_EQ(hand(0.125f, 2), "0.12");
+    EXPECT_EQ(hand(-0.001f, 2), "-0.00");
+
+    std::mt19937 rng(7);
+    // Arbitrary bit patterns cover every exponent; decimal-looking values cover the usual range,
+    // where ties at the printed digit are most likely.
+    std::uniform_int_distribution<uint32_t> bits;
+    std::uniform_int_distribution<int> cents(-2000000, 2000000);
+    std::uniform_int_distribution<int> digits(0, 4);
+    int mismatches = 0;
+    for (int n = 0; n < 2000000; ++n) {
+        float v;
+        if (n % 2 == 0) {
+            const uint32_t b = bits(rng);
+            std::memcpy(&v, &b, sizeof v);
+        } else {
+            v = static_cast<float>(cents(rng)) / (n % 3 == 0 ? 1000.0f : 8.0f);
+        }
+        const int d = digits(rng);
+        if (hand(v, d) != ref(v, d) && ++mismatches < 10) ADD_FAILURE() << v << " d=" << d;
+    }
+    EXPECT_EQ(mismatches, 0);
+}
+
+TEST(CsvFormat, IntegersMatchPrintf) {
+    const int64_t values[] = {
+        0, 1, -1, 9, 10, 99, 100, 101, 65535, -65535, 1234567890123LL, INT64_MAX, INT64_MIN};
+    for (int64_t v : values) {
+        char buf[32], want[32];
+        std::snprintf(want, sizeof want, "%lld", static_cast<long long>(v));
+        EXPECT_EQ(std::string(buf, put_i64(buf, v)), want);
+    }
+    std::mt19937_64 rng(3);
+    for (int n = 0; n < 100000; ++n) {
+        const int64_t v = static_cast<int64_t>(rng()) >> (n % 64);
+        char buf[32], want[32];
+        std::snprintf(want, sizeof want, "%lld", static_cast<long long>(v));
+        ASSERT_EQ(std::string(buf, put_i64(buf, v)), want);
+    }
+}
+
+TEST(CsvFormat, BufferedFileHoldsEveryByteAndReportsFailures) {
+    fixture::TempDir dir;
+    const std::string path = dir.file("big.csv");
+    std::string expected;
+    {
+        CsvOut out;
+        csv_open(out, path, 4096);  // small buffer: many flushes
+        for (int i = 0; i < 20000; ++i) {
+            csv_printf(out, "%d,%s\n", i, i % 7 == 0 ? "seven" : "");
+            expected += std::to_string(i) + "," + (i % 7 == 0 ? "seven" : "") + "\n";
+        }
+        const std::string long_text(10000, 'x');  // longer than the buffer
+        csv_text(out, long_text);
+        expected += long_text;
+        const std::string long_name(3000, 'n');  // longer than printf's reserved room
+        csv_printf(out, "%s|%s\n", long_name.c_str(), long_name.c_str());
+        expected += long_name + "|" + long_name + "\n";
+        csv_close(out);
+    }
+    EXPECT_EQ(fixture::read_file(path), expected);
+
+    CsvOut bad;
+    try {
+        csv_open(bad, dir.file("missing/x.csv"));
+        FAIL() << "opened a file in a missing folder";
+    } catch (const std::runtime_error& e) {
+        EXPECT_EQ(std::string(e.what()), "cannot write " + dir.file("missing/x.csv"));
+    }
+    EXPECT_FALSE(csv_try_open(bad, dir.file("missing/x.csv"), "a"));
+}
+
+}  // namespace
+}  // namespace torvex
