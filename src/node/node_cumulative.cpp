@@ -114,7 +114,7 @@ NodeLoadTotals run_cumulative(Network& net, const NodeLoadParams& params, const 
 
     double injected = 0.0;
     double exited = 0.0;
-#pragma omp parallel
+#pragma omp parallel if (n_active >= kNodeParallelLinks)
     for (int32_t t = 1; t <= num_steps; ++t) {
         const float m = std::min(static_cast<float>(t - 1) * prep.dt / 60.0f, 1799.99f);
         const int iv = std::clamp(static_cast<int>(std::trunc(m / 15.0f)), 0, kIntervals - 1);
@@ -202,7 +202,7 @@ NodeLoadTotals run_cumulative(Network& net, const NodeLoadParams& params, const 
     for (size_t i = 0; i < na; ++i) totals.on_network_end += n_up[i] - n_down[i];
     if (params.blend >= 0.999f) print_conservation("node-dnl/cumulative", totals);
     const double steps_per_interval = std::max(1e-6, 900.0 / dt);
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (n_active >= kNodeParallelLinks)
     for (int32_t i = 0; i < n_active; ++i)
         write_link_results(net.links[prep.active_links[i]], queue_steps.data() + i,
                            discharge.data() + i, na, steps_per_interval, params.blend,

@@ -94,6 +94,10 @@ NodeLoadTotals run_queue_stepping(Network& network, const NodeLoadParams& params
                                   const NodePrep& prep);
 NodeLoadTotals run_cumulative(Network& network, const NodeLoadParams& params, const NodePrep& prep);
 
+// Below this many active links a load runs on one thread: the per-step barriers would cost more
+// than the work they share.
+constexpr int32_t kNodeParallelLinks = 2048;
+
 // Prints the conservation line under the method's tag ("node-dnl" or "node-dnl/cumulative").
 void print_conservation(const char* tag, const NodeLoadTotals& totals);
 

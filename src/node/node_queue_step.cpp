@@ -79,7 +79,7 @@ NodeLoadTotals run_queue_stepping(Network& net, const NodeLoadParams& params,
         }
 
         double* qi = queue_integral.data() + static_cast<size_t>(iv) * na;
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (n_active >= kNodeParallelLinks)
         for (int32_t i = 0; i < n_active; ++i) {
             TravelQueue& q = travelling[i];
             while (q.ready(step)) sending[i] += q.pop();
@@ -144,7 +144,7 @@ NodeLoadTotals run_queue_stepping(Network& net, const NodeLoadParams& params,
 
     for (size_t i = 0; i < na; ++i) totals.on_network_end += occupancy[i];
     if (params.blend >= 0.999f) print_conservation("node-dnl", totals);
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (n_active >= kNodeParallelLinks)
     for (int32_t i = 0; i < n_active; ++i)
         write_link_results(net.links[prep.active_links[i]], queue_integral.data() + i,
                            discharge.data() + i, na, 900.0, params.blend, params.max_delay_min);
