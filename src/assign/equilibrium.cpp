@@ -4,12 +4,14 @@
 #include <chrono>
 #include <cstdio>
 
+#include "assign/checkpoint.h"
 #include "assign/network_loading.h"
 #include "assign/router.h"
 #include "assign/routing_pass.h"
 #include "node/node_model.h"
 #include "report/outputs.h"
 #include "run/log.h"
+#include "static/static_solver.h"
 
 namespace torvex {
 
@@ -170,6 +172,8 @@ int64_t resample_keys(TripTable& trips, float f) {
 }
 
 std::vector<IterationRecord> run_assignment(AssignmentState& state) {
+    if (state.network->is_static && state.config.sta_method != StaMethod::legacy)
+        return run_static_solver(state);
     const AssignmentSettings& a = state.config.assignment;
     TripTable& trips = *state.trips;
     std::vector<IterationRecord> records;
@@ -239,6 +243,9 @@ std::vector<IterationRecord> run_assignment(AssignmentState& state) {
         const bool sampling_over = !progressive || fraction >= 0.999f;
         const bool converged = rec.rel_gap < a.relative_gap && sampling_over;
         const bool stop = stop_file_present(a.stop_file);
+        const bool due = a.checkpoint_every > 0 && i % a.checkpoint_every == 0;
+        if (!a.checkpoint_file.empty() && (stop || due || converged || i == a.max_iterations))
+            write_checkpoint(a.checkpoint_file, trips, state.path_arena, *state.network, i);
         if (stop) {
             progress("[%s][stop] stop-file '%s' detected -> halting at iteration %d\n", now_hms(),
                      a.stop_file.c_str(), i);

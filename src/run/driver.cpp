@@ -7,6 +7,7 @@
 #include <string>
 
 #include "assign/assignment_state.h"
+#include "assign/checkpoint.h"
 #include "assign/equilibrium.h"
 #include "input/network.h"
 #include "input/trip_table.h"
@@ -159,10 +160,14 @@ int run_phases(RunConfig& config) {
     load_toll_inputs(config, net);
 
     write_resolution_map(config, net);
+    std::vector<int32_t> resumed_paths;
+    if (!config.resume_from.empty() && !resume_from_checkpoint(config, trips, net, resumed_paths))
+        return 1;
     apply_market_scale(config, trips);
 
     AssignmentState state;
     prepare_assignment(state, net, trips, adjacency, config, &turns);
+    state.path_arena.swap(resumed_paths);
     if (!config.trace_agents.empty()) find_traced_agents(config, trips, state);
     run_assignment(state);
 
