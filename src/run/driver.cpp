@@ -12,6 +12,7 @@
 #include "input/network.h"
 #include "input/trip_table.h"
 #include "input/turn_table.h"
+#include "report/outputs.h"
 #include "run/log.h"
 #include "run/run_config.h"
 #include "toll/toll_tables.h"
@@ -170,6 +171,10 @@ int run_phases(RunConfig& config) {
     state.path_arena.swap(resumed_paths);
     if (!config.trace_agents.empty()) find_traced_agents(config, trips, state);
     run_assignment(state);
+
+    convert_volumes_to_vehicles(net, trips, state.path_arena);
+    write_outputs(config, state);
+    check_path_continuity(net, trips, state.path_arena, config.output_directory);
 
     const double t = seconds_since(run_start);
     progress("[%s] Morvane DTA run complete -- total runtime %s (%.1fs)\n", now_hms(),
