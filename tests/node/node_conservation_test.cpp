@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "assign/routing_pass.h"
+#include "input/network.h"
+#include "input/trip_table.h"
+#include "node/node_model.h"
+#include "support/test_files.h"
+
+namespace torvex {
+namespace {
+
+#ifdef TORVEX_SYNTH_BIN
+
+// A generated region with every key on its free-flow path.
+struct Region {
+    fixture::TempDir dir;
+    Network net;
+    TripTable trips;
+    CountyAdjacency adj;
+    AssignmentState state;
+
+    Region(int seed, const std::string& links, const std::string& trip_count) {
+        const fixture::RunResult r = fixture::run_program(
+            TORVEX_SYNTH_BIN, {"--scale", "tiny", "--seed", std::to_string(seed), "--links", links,
+                               "--trips", trip_count, "--out", dir.path});
+        EXPECT_EQ(r.exit_code, 0) << r.err;
+        net = load_network(dir.file("NODE.csv"), dir.file("LINK.csv"));
+        adj = build_county_adjacency(net);
+        load_trips(dir.file("TRIPS.csv"), net, trips, 0, adj, 1);
+        load_segment_params(dir.file("segments.csv"), trips);
+        RunConfig config;
+        config.assignment.node_mode = 0;
+        config.assignment.route_chunks = 1;
+        prepare_assignment(state, net, trips, adj, config, nullptr);
+        IterationRecord rec;
+        testing::internal::CaptureStdout();
+        routing_pass(state, true, 1.0f, 1.0f, rec);
+        testing::internal::GetCapturedStdout();
+    }
+
+    // Vehicles whose path uses each link, from the paths alone.
+    std::vector<double> path_load() const {
+        std::vector<double> load(net.links.size(), 0.0);
+        for (const RouteKey& k : trips.route_keys) {
+            if (!(k.weight > 0) || k.path_offset < 0) continue;
+            for (int j = 0; j < k.n_links; ++j)
+                load[state.path_arena[k.path_offset + j]] +=
+                    static_cast<double>(k.weight) * trips.pce[k.segment];
+        }
+        return load;
+    }
+};
+
+TEST(NodeConservation, GeneratedRegionsConserveUnderBothMethodsAndReceivingModes) {
+    int checked_nodes = 0;
+    for (int seed : {3, 11}) {
+        Region g(seed, "6000", "30000");
+        const std::vector<double> expected = g.path_load();
+        double demand = 0;
+        for (const RouteKey& k : g.trips.route_keys)
+            if (k.weight > 0 && k.path_offset >= 0)
+                demand += static_cast<double>(k.weight) * g.trips.pce[k.segment];
+        ASSERT_GT(demand, 1000.0);
+        std::vector<uint8_t> terminal(g.net.nodes.size(), 0);
+        for (const RouteKey& k : g.trips.route_keys) terminal[k.origin] = terminal[k.dest] = 1;
+        for (uint8_t method : {1, 0}) {
+            for (bool spatial : {true, false}) {
+                for (float dt : {60.0f, 15.0f}) {
+                    for (Link& l : g.net.links)
+                        std::fill(std::begin(l.volume), std::end(l.volume), -1.0f);
+                    NodeLoadParams p;
+                    p.method = method;
+                    p.spatial_receiving = spatial;
+                    p.dt_sec = dt;
+                    testing::internal::CaptureStderr();
+                    const NodeLoadTotals t =
+                        run_node_dnl(g.net, g.trips, g.state.path_arena, p, nullptr);
+                    const std::string err = testing::internal::GetCapturedStderr();
+                    const std::string what = "seed " + std::to_string(seed) + " method " +
+                                             std::to_string(method) + " spatial " +
+                                             std::to_string(spatial) + " dt " + std::to_string(dt);
+                    // No departure here reaches the horizon: everything routed is injected.
+                    EXPECT_NEAR(t.injected, demand, demand * 1e-9) << what;
+                    EXPECT_NEAR(t.injected - t.exited - t.on_network_end, 0.0, demand * 1e-9)
+                        << what;
+                    EXPECT_GT(t.exited, 0.9 * demand) << what;
+                    EXPECT_NE(err.find("] conservation: injected="), std::string::npos) << what;
+                    // With nothing parked, what left the in-links of a node where no path
+                    // starts or ends entered its out-links: the node conserves.
+                    if (t.on_network_end > demand * 1e-9) continue;
+                    std::vector<double> sum(expected.size(), 0.0);
+                    for (size_t l = 0; l < expected.size(); ++l) {
+                        if (expected[l] == 0) {
+                            ASSERT_EQ(g.net.links[l].volume[0], -1.0f) << what;  // untouched
+                            continue;
+                        }
+                        for (float v : g.net.links[l].volume) sum[l] += v;
+                    }
+                    for (size_t h = 0; h < g.net.nodes.size(); ++h) {
+                        if (terminal[h]) continue;
+                        double in = 0, out = 0;
+                        for (int32_t l : g.net.nodes[h].in_links) in += sum[l];
+                        for (int32_t l : g.net.nodes[h].out_links) out += sum[l];
+                        ASSERT_NEAR(in, out, 1e-5 * in + 1e-3) << what << " node " << h;
+                        checked_nodes += in > 0;
+                    }
+                }
+            }
+        }
+    }
+    EXPECT_GT(checked_nodes, 1000);
+}
+
+TEST(NodeConservation, LinkArraysDoNotDependOnTheThreadCount) {
+    Region g(5, "16000", "60000");
+    NodePrep prep;
+    NodeLoadParams p;
+    prepare_node_load(g.net, g.trips, g.state.path_arena, p, nullptr, prep);
+    ASSERT_GE(static_cast<int32_t>(prep.active_links.size()), kNodeParallelLinks);
+    const int threads = omp_get_max_threads();
+    for (uint8_t method : {1, 0}) {
+        p.method = method;
+        std::vector<std::vector<float>> runs;
+        for (int n : {1, 2}) {
+            omp_set_num_threads(n);
+            for (Link& l : g.net.links)
+                std::fill(std::begin(l.travel_time_min), std::end(l.travel_time_min),
+                          l.free_flow_min);
+            testing::internal::CaptureStderr();
+            run_node_dnl(g.net, g.trips, g.state.path_arena, p, nullptr);
+            testing::internal::GetCapturedStderr();
+            std::vector<float> flat;
+            for (const Link& l : g.net.links) {
+                flat.insert(flat.end(), std::begin(l.travel_time_min), std::end(l.travel_time_min));
+                flat.insert(flat.end(), std::begin(l.volume), std::end(l.volume));
+                flat.insert(flat.end(), std::begin(l.queue_veh), std::end(l.queue_veh));
+            }
+            runs.push_back(std::move(flat));
+        }
+        ASSERT_EQ(runs[0].size(), runs[1].size());
+        EXPECT_EQ(std::memcmp(runs[0].data(), runs[1].data(), runs[0].size() * sizeof(float)), 0)
+            << int(method);
+    }
+    omp_set_num_threads(threads);
+}
+
+#endif
+
+}  // namespace
+}  // namespace torvex
