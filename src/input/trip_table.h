@@ -154,9 +154,6 @@ TripLoadSummary load_trips(const std::string& path, const Network& network, Trip
 // Numbers are strict: a field without one raises the conversion error.
 void load_segment_params(const std::string& path, TripTable& table);
 
-// Clock text of a departure ("[days@]H:MM[:SS[.s]]", NOON, MIDNIGHT) in minutes; -1 if refused.
-// Works on a view so that the row loop copies nothing.
-float clock_minutes(std::string_view text);
 
 // Generalized cost weights of a segment. A 2-axle vehicle pays the plain toll and every further
 // axle one more unit; 1 and 2 axles cost the same.

@@ -9,6 +9,7 @@
 #include "input/table_reader.h"
 #include "input/trip_memory.h"
 #include "input/trip_table.h"
+#include "toll/toll_tables.h"
 #include "run/log.h"
 
 namespace torvex {
@@ -277,7 +278,7 @@ TripLoadSummary load_trips(const std::string& path, const Network& network, Trip
         int64_t slot = 0;
         const FieldView dep = field_at(f, c.depart);
         if (c.encoding == Departure::clock) {
-            const float minutes = clock_minutes(trim_right(dep).view());
+            const float minutes = parse_clock_minutes(trim_right(dep).view());
             if (minutes < 0) {
                 ++s.bad_hour;
                 continue;

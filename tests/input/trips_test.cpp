@@ -375,23 +375,6 @@ TEST(TripLoader, GzipLoadsTheSameTable) {
     EXPECT_EQ(plain.segment_names, packed.segment_names);
 }
 
-TEST(TripLoader, ClockText) {
-    EXPECT_EQ(clock_minutes("08:30"), 510.0f);
-    EXPECT_EQ(clock_minutes(" \t08:30:30\r\n"), 510.5f);
-    EXPECT_EQ(clock_minutes("26:30:00"), 1590.0f);  // hours have no upper limit
-    EXPECT_EQ(clock_minutes("0:00:07.5"), 0.125f);
-    EXPECT_EQ(clock_minutes("1@06:00"), 1800.0f);
-    EXPECT_EQ(clock_minutes("NoOn"), 720.0f);
-    EXPECT_EQ(clock_minutes("midnight"), 0.0f);
-    EXPECT_EQ(clock_minutes("0:59:59.99"), 59.0f + 59.99f / 60.0f);
-    for (const char* bad :
-         {"",        "  ",     "480",    "08:60",  "08:00:60", "08:00:59.5.1", "08:0a",
-          "a@08:00", "@08:00", "08::00", ":30",    "08:",      "1:2:3:4",      "08.5:00",
-          "08:00.5", "-1:00",  "+1:00",  "08:00:", "noon2",    "08:00:."}) {
-        EXPECT_EQ(clock_minutes(bad), -1.0f) << bad;
-    }
-}
-
 TEST(TripLoader, SummaryAndMarketScaleLines) {
     Demand d;
     TripTable t;
