@@ -42,6 +42,13 @@ TripTable keys_on(std::initializer_list<std::pair<int, float>> slot_weight,
     return t;
 }
 
+LinkLoadContext context(Network& net, float max_spill = 20.0f) {
+    LinkLoadContext ctx;
+    ctx.network = &net;
+    ctx.ltm_max_spillback_min = max_spill;
+    return ctx;
+}
+
 double total(const std::vector<float>& v) {
     return std::accumulate(v.begin(), v.end(), 0.0);
 }
@@ -52,7 +59,7 @@ TEST(NetworkLoading, WalkSpreadsSubSlotsAndStopsAtTheHorizon) {
     TripTable trips = keys_on({{8, 40.0f}, {29, 8.0f}, {3, 0.0f}});
     trips.pce[0] = 1.5f;
     for (RouteKey& k : trips.route_keys) k.path_offset = 0, k.n_links = 3;
-    LinkLoadContext ctx{&net};
+    LinkLoadContext ctx = context(net);
     std::vector<float> table;
     load_paths_full(ctx, trips, arena, table, nullptr);
 
@@ -117,7 +124,7 @@ TEST(NetworkLoading, OverlayFullDeltaAndThreadCounts) {
             overlay.new_len[k] = len;
         }
     }
-    LinkLoadContext ctx{&net};
+    LinkLoadContext ctx = context(net);
     std::vector<float> with_overlay, without, delta;
     omp_set_num_threads(1);
     load_paths_full(ctx, trips, arena, with_overlay, &overlay);
@@ -148,7 +155,7 @@ TEST(NetworkLoading, PointQueueConservesAndDelaysByMeanQueue) {
     l.inflow[0] = 100.0f;
     l.inflow[3] = 20.0f;
     l.inflow[119] = 80.0f;
-    LinkLoadContext ctx{&net};
+    LinkLoadContext ctx = context(net);
     update_link_times(ctx);
     EXPECT_FLOAT_EQ(l.volume[0], 50.0f);
     EXPECT_FLOAT_EQ(l.volume[1], 50.0f);
@@ -172,7 +179,7 @@ TEST(NetworkLoading, PointQueueConservesAndDelaysByMeanQueue) {
     s[0] = 0.0f;
     closed.capacity_schedules[0] = s;
     closed.links[0].inflow[0] = 10.0f;
-    LinkLoadContext cctx{&closed};
+    LinkLoadContext cctx = context(closed);
     update_link_times(cctx);
     EXPECT_FLOAT_EQ(closed.links[0].volume[0], 0.0f);
     EXPECT_FLOAT_EQ(closed.links[0].travel_time_min[0], 1440.0f + 5.0f);
@@ -180,7 +187,7 @@ TEST(NetworkLoading, PointQueueConservesAndDelaysByMeanQueue) {
 
     // No inflow: free flow everywhere, nothing moves.
     Network idle = chain(2, 500, 3.0f);
-    LinkLoadContext ictx{&idle};
+    LinkLoadContext ictx = context(idle);
     update_link_times(ictx);
     for (const Link& x : idle.links)
         for (int i = 0; i < kIntervals; ++i) {
@@ -200,7 +207,7 @@ TEST(NetworkLoading, LtmHoldsBeyondStorageAndSpillsUpstream) {
     ltm.storage_veh = 10.0f;
     ltm.inflow[0] = 100.0f;
     up.inflow[0] = 100.0f;
-    LinkLoadContext ctx{&net, 20.0f};
+    LinkLoadContext ctx = context(net, 20.0f);
     update_link_times(ctx);
     // Interval 0: admitted 10, 10 leave (cap15 = 10), so 0 stays on the link and 90 are held.
     EXPECT_FLOAT_EQ(ltm.volume[0], 10.0f);
@@ -219,7 +226,7 @@ TEST(NetworkLoading, LtmHoldsBeyondStorageAndSpillsUpstream) {
 
 TEST(NetworkLoading, BlendAndCopy) {
     Network net = chain(2, 500, 1.0f);
-    LinkLoadContext ctx{&net};
+    LinkLoadContext ctx = context(net);
     std::vector<float> table(2 * kIntervals, 0.0f);
     table[5] = 8.0f;
     table[kIntervals + 7] = 4.0f;
