@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <map>
 #include <sstream>
 #include <string>
@@ -132,6 +133,117 @@ TEST(StaticSolver, EachMethodReachesItsGapOnSiouxFalls) {
             EXPECT_EQ(recs[i].unreachable, 0);
         }
     }
+}
+
+TEST(StaticSolver, DirectionCountersOverTheFirstIterations) {
+    struct Case {
+        StaMethod method;
+        int iterations, before_history, conjugate;  // conjugate: used + rejected
+    };
+    for (const Case& c : {Case{StaMethod::msa, 3, 3, 0}, Case{StaMethod::fw, 3, 3, 0},
+                          Case{StaMethod::cfw, 1, 1, 0}, Case{StaMethod::cfw, 4, 1, 3},
+                          Case{StaMethod::bfw, 2, 2, 0}, Case{StaMethod::bfw, 3, 2, 1},
+                          Case{StaMethod::bfw, 6, 2, 4}}) {
+        SiouxFalls sf(c.method, c.iterations, 0.0f);
+        sf.prepare();
+        StaticSolveStats stats;
+        testing::internal::CaptureStdout();
+        const std::vector<IterationRecord> recs = run_static_solver(sf.state, stats);
+        const std::string log = testing::internal::GetCapturedStdout();
+        const std::string what =
+            std::to_string(static_cast<int>(c.method)) + " x" + std::to_string(c.iterations);
+        ASSERT_EQ(recs.size(), static_cast<size_t>(c.iterations) + 1) << what;
+        EXPECT_EQ(stats.before_history, c.before_history) << what;
+        EXPECT_EQ(stats.used + stats.rejected, c.conjugate) << what;
+        char line[160];
+        std::snprintf(line, sizeof line,
+                      "conjugate direction: used %d, rejected %d (non-convex), %d before enough "
+                      "history -- the rest ran as plain FW\n",
+                      stats.used, stats.rejected, stats.before_history);
+        EXPECT_NE(log.find(line), std::string::npos) << what;
+        // The iteration lines name the direction each iteration took.
+        size_t conjugate_lines = 0;
+        for (size_t at = log.find("  conjugate  pass="); at != std::string::npos;
+             at = log.find("  conjugate  pass=", at + 1))
+            ++conjugate_lines;
+        EXPECT_EQ(conjugate_lines, static_cast<size_t>(stats.used)) << what;
+        // Gaps are measured from iteration 1 and the first all-or-nothing load is far from
+        // equilibrium on this network.
+        EXPECT_EQ(recs[0].rel_gap, 0.0);
+        EXPECT_GT(recs[1].rel_gap, 0.5);
+    }
+    // Sioux Falls takes the bi-conjugate direction at its first chance.
+    SiouxFalls sf(StaMethod::bfw, 3, 0.0f);
+    sf.prepare();
+    StaticSolveStats stats;
+    testing::internal::CaptureStdout();
+    run_static_solver(sf.state, stats);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(stats.used, 1);
+
+    // No iteration: neither the summary line nor a checkpoint.
+    fixture::TempDir dir;
+    SiouxFalls none(StaMethod::bfw, 0, 0.0f);
+    none.config.assignment.checkpoint_file = dir.file("ck.bin");
+    none.prepare();
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(run_static_solver(none.state).size(), 1u);
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_NE(log.find("[sta iter 0] all-or-nothing on free-flow: 528 paths, 0 unreachable"),
+              std::string::npos);
+    EXPECT_EQ(log.find("conjugate direction"), std::string::npos);
+    EXPECT_FALSE(fixture::file_exists(dir.file("ck.bin")));
+}
+
+// The whole program on the Sioux Falls control file, with the reconciliation file and a
+// checkpoint: the equilibrium volumes in the file match the best-known flows.
+TEST(StaticSolver, SiouxFallsRunEndToEnd) {
+    fixture::TempDir dir;
+    std::string ctl = fixture::read_file(kSiouxFalls + "static.ctl");
+    for (const char* f : {"NODE.csv", "LINK.csv", "TRIPS.csv"}) {
+        const std::string name = f;
+        const size_t at = ctl.find(" " + name);
+        ASSERT_NE(at, std::string::npos);
+        ctl.replace(at + 1, name.size(), kSiouxFalls + name);
+    }
+    ctl += "STA_PATH_SCALE 1\nCHECKPOINT_FILE " + dir.file("ck.bin") + "\n";
+    fixture::write_file(dir.file("run.ctl"), ctl);
+    const fixture::RunResult r =
+        fixture::run_program(TORVEX_BIN, {"--control", "run.ctl", "--out-dir", "out"}, dir.path);
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_NE(r.out.find("[converged] rel_gap "), std::string::npos);
+    EXPECT_NE(r.out.find("[sta] conjugate direction: used "), std::string::npos);
+    EXPECT_NE(r.out.find("[sta] path-flow reconciliation: 76 links -> out/sta_path_scale.csv "
+                         "(network-wide equilibrium/paths = "),
+              std::string::npos)
+        << r.out;
+
+    const auto best = best_flows();
+    std::istringstream in(fixture::read_file(dir.file("out/sta_path_scale.csv")));
+    std::string line;
+    std::getline(in, line);
+    EXPECT_EQ(line, "a_node,b_node,ftype,vol_equilibrium,vol_from_paths,scale");
+    double err = 0, ref = 0;
+    int rows = 0;
+    while (std::getline(in, line)) {
+        long long a = 0, b = 0;
+        int ftype = 0;
+        double e = 0, p = 0;
+        ASSERT_GE(std::sscanf(line.c_str(), "%lld,%lld,%d,%lf,%lf", &a, &b, &ftype, &e, &p), 5);
+        const double v = best.at({a, b});
+        err += (e / 30 - v) * (e / 30 - v);
+        ref += v * v;
+        ++rows;
+    }
+    EXPECT_EQ(rows, 76);
+    EXPECT_LT(std::sqrt(err / ref), 0.001);
+
+    // The checkpoint written at convergence: 528 keys and 76 links around the paths.
+    const std::string ck = fixture::read_file(dir.file("ck.bin"));
+    ASSERT_GE(ck.size(), 36u);
+    int64_t p = 0;
+    std::memcpy(&p, ck.data() + 28, 8);
+    EXPECT_EQ(static_cast<int64_t>(ck.size()), 36 + 16 * 528 + 4 * p + 492 * 76);
 }
 
 }  // namespace

@@ -1,0 +1,325 @@
+#include "assign/checkpoint.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "assign/assignment_state.h"
+#include "assign/equilibrium.h"
+#include "input/network.h"
+#include "input/trip_table.h"
+#include "run/run_config.h"
+#include "support/test_files.h"
+
+namespace torvex {
+namespace {
+
+using fixture::read_file;
+using fixture::TempDir;
+using fixture::write_file;
+
+// Six zones send peak traffic over a freeway (10-11) or an arterial pair (10-12-11) to zone 2.
+constexpr int kZones = 6;
+
+void write_inputs(const TempDir& dir, const std::string& freeway_speed = "60") {
+    std::string nodes = "N,X,Y\n2,9,0\n10,1,0\n11,5,0\n12,3,2\n";
+    std::string links = "A,B,DISTANCE,NLANES,CAPACITY,FTYPE,SPEED,TOLL\n10,11,5,2,700,11," +
+                        freeway_speed +
+                        ",0\n10,12,3,1,600,3,40,0\n12,11,3,1,600,3,40,0.5\n"
+                        "11,2,0.1,1,9000,51,30,0\n2,11,0.1,1,9000,51,30,0\n";
+    std::string trips = "hh_id,O,D,hour\n";
+    int id = 0;
+    for (int z = 21; z < 21 + kZones; ++z) {
+        nodes += std::to_string(z) + ",0," + std::to_string(z) + "\n";
+        links += std::to_string(z) + ",10,0.1,1,9000,51,30,0\n10," + std::to_string(z) +
+                 ",0.1,1,9000,51,30,0\n";
+        for (int h = 7; h <= 9; ++h)
+            for (int t = 0; t < 150; ++t)
+                trips += std::to_string(++id) + "," + std::to_string(z) + ",2," +
+                         std::to_string(h) + "\n";
+    }
+    write_file(dir.file("N.csv"), nodes);
+    write_file(dir.file("L.csv"), links);
+    write_file(dir.file("T.csv"), trips);
+}
+
+struct SmallRun {
+    Network net;
+    TripTable trips;
+    CountyAdjacency adj;
+    RunConfig config;
+
+    explicit SmallRun(const TempDir& dir) {
+        net = load_network(dir.file("N.csv"), dir.file("L.csv"));
+        adj = build_county_adjacency(net);
+        testing::internal::CaptureStdout();
+        load_trips(dir.file("T.csv"), net, trips, 0, adj, 1);
+        testing::internal::GetCapturedStdout();
+        config.macro_model = MacroModel::DTA_PointQueue;
+        config.assignment.route_chunks = 2;
+        config.assignment.node_mode = 0;
+        config.assignment.relative_gap = 0.0f;
+    }
+};
+
+int64_t expected_size(int64_t keys, int64_t paths, int64_t links) {
+    return 36 + 16 * keys + 4 * paths + 492 * links;
+}
+
+template <typename T>
+T field(const std::string& bytes, size_t at) {
+    T v;
+    std::memcpy(&v, bytes.data() + at, sizeof v);
+    return v;
+}
+
+template <typename T>
+void set_field(std::string& bytes, size_t at, T v) {
+    std::memcpy(bytes.data() + at, &v, sizeof v);
+}
+
+TEST(Checkpoint, RoundTripRestoresPathsWeightsAndTimes) {
+    TempDir dir;
+    write_inputs(dir);
+    SmallRun run(dir);
+    run.config.assignment.max_iterations = 5;
+    run.config.assignment.checkpoint_every = 2;
+    run.config.assignment.checkpoint_file = dir.file("ck.bin");
+    AssignmentState state;
+    prepare_assignment(state, run.net, run.trips, run.adj, run.config, nullptr);
+    testing::internal::CaptureStdout();
+    run_assignment(state);
+    const std::string log = testing::internal::GetCapturedStdout();
+    // Due at 2 and 4, and at the last iteration.
+    for (int i : {2, 4, 5}) {
+        const std::string line = "[checkpoint] wrote iter " + std::to_string(i) + " state to " +
+                                 dir.file("ck.bin") + " (" + std::to_string(3 * kZones) +
+                                 " keys, " + std::to_string(state.path_arena.size()) +
+                                 " path-links)\n";
+        if (i == 5) EXPECT_NE(log.find(line), std::string::npos) << log;
+        EXPECT_NE(log.find("[checkpoint] wrote iter " + std::to_string(i) + " "),
+                  std::string::npos);
+    }
+    EXPECT_EQ(log.find("[checkpoint] wrote iter 3 "), std::string::npos);
+
+    const std::string bytes = read_file(dir.file("ck.bin"));
+    const int64_t keys = static_cast<int64_t>(run.trips.route_keys.size());
+    const int64_t p = static_cast<int64_t>(state.path_arena.size());
+    ASSERT_GT(p, keys);
+    ASSERT_EQ(static_cast<int64_t>(bytes.size()), expected_size(keys, p, run.net.link_count()));
+    EXPECT_EQ(bytes.substr(0, 8), "TRVXCKP1");
+    EXPECT_EQ(field<uint32_t>(bytes, 8), 1u);
+    EXPECT_EQ(field<int32_t>(bytes, 12), run.net.node_count());
+    EXPECT_EQ(field<int32_t>(bytes, 16), run.net.link_count());
+    EXPECT_EQ(field<int32_t>(bytes, 20), keys);
+    EXPECT_EQ(field<int32_t>(bytes, 24), 5);
+    EXPECT_EQ(field<int64_t>(bytes, 28), p);
+    // A key record and the first fingerprint, at their offsets.
+    EXPECT_EQ(field<int64_t>(bytes, 36 + 16), run.trips.route_keys[1].path_offset);
+    EXPECT_EQ(field<int32_t>(bytes, 36 + 16 + 8), run.trips.route_keys[1].n_links);
+    EXPECT_EQ(field<float>(bytes, 36 + 16 + 12), run.trips.route_keys[1].weight);
+    const size_t fp = 36 + 16 * keys + 4 * p + 480 * run.net.link_count();
+    EXPECT_EQ(field<float>(bytes, fp), run.net.links[0].discharge_vph);
+    EXPECT_EQ(field<float>(bytes, fp + 4), run.net.links[0].speed_mph);
+    EXPECT_EQ(field<float>(bytes, fp + 12 * 2 + 8), run.net.links[2].toll);
+
+    // A fresh load of the same inputs takes on the saved state exactly.
+    SmallRun back(dir);
+    std::vector<int32_t> arena;
+    const ResumeResult r = read_checkpoint(dir.file("ck.bin"), back.trips, arena, back.net);
+    ASSERT_TRUE(r.ok) << r.error;
+    EXPECT_EQ(r.iteration, 5);
+    EXPECT_EQ(r.key_count, keys);
+    EXPECT_EQ(r.link_count, run.net.link_count());
+    EXPECT_EQ(r.links_edited, 0);
+    EXPECT_EQ(arena, state.path_arena);
+    for (size_t k = 0; k < run.trips.route_keys.size(); ++k) {
+        const RouteKey &a = run.trips.route_keys[k], &b = back.trips.route_keys[k];
+        EXPECT_EQ(a.path_offset, b.path_offset);
+        EXPECT_EQ(a.n_links, b.n_links);
+        EXPECT_EQ(a.weight, b.weight);
+    }
+    for (int32_t l = 0; l < run.net.link_count(); ++l)
+        EXPECT_EQ(std::memcmp(run.net.links[l].travel_time_min, back.net.links[l].travel_time_min,
+                              sizeof(float) * kIntervals),
+                  0);
+
+    // Writing the restored state again gives the same bytes.
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(write_checkpoint(dir.file("again.bin"), back.trips, arena, back.net, 5));
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(read_file(dir.file("again.bin")), bytes);
+}
+
+TEST(Checkpoint, EveryReadFailureHasItsText) {
+    TempDir dir;
+    write_inputs(dir);
+    SmallRun run(dir);
+    run.config.assignment.max_iterations = 2;
+    run.config.assignment.checkpoint_file = dir.file("ck.bin");
+    AssignmentState state;
+    prepare_assignment(state, run.net, run.trips, run.adj, run.config, nullptr);
+    testing::internal::CaptureStdout();
+    run_assignment(state);
+    testing::internal::GetCapturedStdout();
+    const std::string good = read_file(dir.file("ck.bin"));
+    const int64_t keys = static_cast<int64_t>(run.trips.route_keys.size());
+    const int64_t p = field<int64_t>(good, 28);
+    const int32_t links = run.net.link_count();
+
+    auto read_bytes = [&](const std::string& bytes) {
+        const std::string path = dir.file("crafted.bin");
+        write_file(path, bytes);
+        SmallRun fresh(dir);
+        std::vector<int32_t> arena;
+        return read_checkpoint(path, fresh.trips, arena, fresh.net);
+    };
+    const std::string crafted = dir.file("crafted.bin");
+    const std::string header_error = crafted + ": bad/incompatible checkpoint header";
+    const std::string body_error = crafted + ": truncated/corrupt checkpoint body";
+
+    SmallRun fresh(dir);
+    std::vector<int32_t> arena;
+    ResumeResult r = read_checkpoint(dir.file("none.bin"), fresh.trips, arena, fresh.net);
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(r.error, "cannot open " + dir.file("none.bin"));
+
+    EXPECT_EQ(read_bytes("").error, header_error);
+    EXPECT_EQ(read_bytes(good.substr(0, 35)).error, header_error);
+    std::string bad = good;
+    bad[7] = '2';
+    EXPECT_EQ(read_bytes(bad).error, header_error);
+
+    // Version and node count are not compared.
+    bad = good;
+    set_field<uint32_t>(bad, 8, 2);
+    set_field<int32_t>(bad, 12, 999);
+    r = read_bytes(bad);
+    EXPECT_TRUE(r.ok) << r.error;
+    EXPECT_EQ(r.iteration, 2);
+
+    bad = good;
+    set_field<int32_t>(bad, 16, links + 3);
+    EXPECT_EQ(read_bytes(bad).error, "link count changed (" + std::to_string(links + 3) + " -> " +
+                                         std::to_string(links) +
+                                         "): saved paths are invalid (links added/removed)");
+    bad = good;
+    set_field<int32_t>(bad, 20, 7);
+    EXPECT_EQ(read_bytes(bad).error, "route-key count changed (7 -> " + std::to_string(keys) +
+                                         "): trip file differs from the checkpoint");
+
+    // Cut inside each section, and one byte short.
+    const int64_t sections[] = {36 + 5, 36 + 16 * keys + 2, 36 + 16 * keys + 4 * p + 300,
+                                36 + 16 * keys + 4 * p + 480 * links + 7,
+                                static_cast<int64_t>(good.size()) - 1};
+    for (int64_t cut : sections) EXPECT_EQ(read_bytes(good.substr(0, cut)).error, body_error);
+
+    // A path-link count the file cannot hold is refused before anything is sized from it.
+    for (int64_t huge : {int64_t{1} << 60, int64_t{-4}, p + 1}) {
+        bad = good;
+        set_field<int64_t>(bad, 28, huge);
+        EXPECT_EQ(read_bytes(bad).error, body_error) << huge;
+    }
+    // Paths that point outside the arena or name links that do not exist.
+    bad = good;
+    set_field<int64_t>(bad, 36, p - 1);
+    set_field<int32_t>(bad, 36 + 8, 3);
+    EXPECT_EQ(read_bytes(bad).error, body_error);
+    bad = good;
+    set_field<int32_t>(bad, 36 + 16 * keys, links);
+    EXPECT_EQ(read_bytes(bad).error, body_error);
+    bad = good;
+    set_field<int32_t>(bad, 36 + 8, -2);
+    EXPECT_EQ(read_bytes(bad).error, body_error);
+
+    // Trailing bytes are not looked at.
+    EXPECT_TRUE(read_bytes(good + "xyz").ok);
+
+    // An edited toll counts the link as edited.
+    SmallRun edited(dir);
+    edited.net.links[2].toll += 0.01f;
+    r = read_checkpoint(dir.file("ck.bin"), edited.trips, arena, edited.net);
+    ASSERT_TRUE(r.ok);
+    EXPECT_EQ(r.links_edited, 1);
+}
+
+TEST(Checkpoint, WriteFailureIsReportedOnly) {
+    TempDir dir;
+    write_inputs(dir);
+    SmallRun run(dir);
+    std::vector<int32_t> arena;
+    const std::string path = dir.file("missing/ck.bin");
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(write_checkpoint(path, run.trips, arena, run.net, 1));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "[checkpoint] cannot write " + path + "\n");
+    // Without paths the file is only keys, links and fingerprints.
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(write_checkpoint(dir.file("ck.bin"), run.trips, arena, run.net, 0));
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("path-links"), std::string::npos);
+    EXPECT_EQ(
+        static_cast<int64_t>(read_file(dir.file("ck.bin")).size()),
+        expected_size(static_cast<int64_t>(run.trips.route_keys.size()), 0, run.net.link_count()));
+}
+
+// The whole program: a run halted by the stop file and resumed from its checkpoint goes on with
+// the next iteration, its step and reroute share continuing.
+TEST(Checkpoint, ResumeAfterStopFileContinuesTheSchedule) {
+    TempDir dir;
+    write_inputs(dir);
+    const std::string base =
+        "NODE_FILE N.csv\nLINK_FILE L.csv\nTRIP_FILE T.csv\nMACRO_MODEL DTA_PointQueue\n"
+        "ROUTE_CHUNKS 2\nRELATIVE_GAP 0\nWRITE_AGENT_PLANS 0\nWRITE_AGENT_PATHS 0\n";
+    write_file(dir.file("stop"), "");
+    write_file(dir.file("first.ctl"),
+               base + "MAX_ITERATIONS 6\nCHECKPOINT_FILE ck.bin\nSTOP_FILE stop\n");
+    fixture::RunResult r =
+        fixture::run_program(TORVEX_BIN, {"--control", "first.ctl", "--out-dir", "o1"}, dir.path);
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_NE(r.out.find("[checkpoint] wrote iter 1 state to ck.bin"), std::string::npos);
+    EXPECT_NE(r.out.find("[stop] stop-file 'stop' detected -> halting at iteration 1\n"),
+              std::string::npos);
+    EXPECT_EQ(r.out.find("[iter 2] rel_gap"), std::string::npos);
+
+    write_file(dir.file("second.ctl"), base + "MAX_ITERATIONS 3\nRESUME_FROM ck.bin\n");
+    r = fixture::run_program(TORVEX_BIN, {"--control", "second.ctl", "--out-dir", "o2"}, dir.path);
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_NE(r.out.find("[resume] loaded checkpoint at iter 1; 0 of 17 links edited vs the "
+                         "checkpoint (no network edits)\n"),
+              std::string::npos)
+        << r.out;
+    EXPECT_NE(r.out.find("[resume] continuing from checkpoint iteration 1 ("), std::string::npos);
+    EXPECT_EQ(r.out.find("[iter 0] incremental"), std::string::npos);
+    EXPECT_EQ(r.out.find("[iter 1] rel_gap"), std::string::npos);
+    // Share 2 / (k + 1) with k = the iteration: 2/3, then 1/2.
+    const size_t second = r.out.find("[iter 2] rel_gap=");
+    ASSERT_NE(second, std::string::npos);
+    EXPECT_NE(r.out.find("frac=0.667", second), std::string::npos);
+    const size_t third = r.out.find("[iter 3] rel_gap=");
+    ASSERT_NE(third, std::string::npos);
+    EXPECT_NE(r.out.find("frac=0.500", third), std::string::npos);
+
+    // A faster freeway is an edit: the warm-start text.
+    write_inputs(dir, "65");
+    write_file(dir.file("third.ctl"), base + "MAX_ITERATIONS 1\nRESUME_FROM ck.bin\n");
+    r = fixture::run_program(TORVEX_BIN, {"--control", "third.ctl", "--out-dir", "o3"}, dir.path);
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_NE(r.out.find("[resume] loaded checkpoint at iter 1; 1 of 17 links edited vs the "
+                         "checkpoint -> warm-start; affected ODs re-route, the rest stay at best "
+                         "response\n"),
+              std::string::npos)
+        << r.out;
+    EXPECT_NE(r.out.find("[resume] MAX_ITERATIONS (1) <= checkpoint iter -> no further "
+                         "assignment; running outputs / post-processing on the loaded state\n"),
+              std::string::npos);
+    EXPECT_EQ(r.out.find("rel_gap="), std::string::npos);
+
+    // A checkpoint that cannot be read ends the run.
+    write_file(dir.file("bad.ctl"), base + "RESUME_FROM nothing.bin\n");
+    r = fixture::run_program(TORVEX_BIN, {"--control", "bad.ctl", "--out-dir", "o4"}, dir.path);
+    EXPECT_EQ(r.exit_code, 1);
+    EXPECT_EQ(r.err, "[resume] cannot resume from nothing.bin: cannot open nothing.bin\n");
+}
+
+}  // namespace
+}  // namespace torvex
