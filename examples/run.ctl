@@ -6,8 +6,8 @@ LINK_FILE LINK.csv
 TRIP_FILE TRIPS.csv.gz
 OUTPUT_DIRECTORY out
 
-# Link transmission with spillback on every road link; connectors stay point queues.
-MACRO_MODEL DTA_LTM
+# The default macro model: the conserving node model with spillback (DTA_NodeLTM, cumulative
+# method). Try MACRO_MODEL DTA_LTM or DTA_PointQueue for the link-based loaders.
 MAX_ITERATIONS 20
 RELATIVE_GAP 0.01
 ROUTE_CHUNKS 10
