@@ -72,11 +72,6 @@ const char* scope_text(uint8_t scope) {
     return "statewide";
 }
 
-int64_t node_id_at(const Network& network, int32_t index) {
-    if (index < 0 || index >= network.node_count()) return 0;
-    return network.nodes[index].node_id;
-}
-
 // A run never adds to an older database: the file and any log the library left beside it go.
 void remove_old_database(const std::string& path) {
     std::error_code ec;
@@ -86,10 +81,30 @@ void remove_old_database(const std::string& path) {
     }
 }
 
+// Link and node records are large and reached out of order; the ids the rows need are copied
+// into compact tables once per call so that the row loops stay in cache.
+std::vector<int64_t> compact_node_ids(const Network& network) {
+    std::vector<int64_t> ids(network.nodes.size());
+    for (size_t i = 0; i < ids.size(); ++i) ids[i] = network.nodes[i].node_id;
+    return ids;
+}
+
+int64_t id_at(const std::vector<int64_t>& ids, int64_t index) {
+    return index >= 0 && index < static_cast<int64_t>(ids.size()) ? ids[index] : 0;
+}
+
 void append_agents(duckdb_appender app, const TripTable& trips, const Network& network) {
     static const RouteKey kNoKey{};
+    const std::vector<int64_t> node_ids = compact_node_ids(network);
     const int64_t n_keys = static_cast<int64_t>(trips.route_keys.size());
-    for (const Trip& t : trips.trips) {
+    const size_t n_trips = trips.trips.size();
+    constexpr size_t kAhead = 16;  // trips reach their keys in any order
+    for (size_t i = 0; i < n_trips; ++i) {
+        if (i + kAhead < n_trips) {
+            const int32_t ahead = trips.trips[i + kAhead].route_key;
+            if (ahead >= 0 && ahead < n_keys) __builtin_prefetch(&trips.route_keys[ahead]);
+        }
+        const Trip& t = trips.trips[i];
         const bool has_key = t.route_key >= 0 && t.route_key < n_keys;
         const RouteKey& k = has_key ? trips.route_keys[t.route_key] : kNoKey;
         const char* purpose =
@@ -100,8 +115,8 @@ void append_agents(duckdb_appender app, const TripTable& trips, const Network& n
         duckdb_append_int32(app, t.tour_id);
         duckdb_append_int32(app, t.trip_id);
         duckdb_append_int32(app, t.occupancy);
-        duckdb_append_int64(app, has_key ? node_id_at(network, k.origin) : 0);
-        duckdb_append_int64(app, has_key ? node_id_at(network, k.dest) : 0);
+        duckdb_append_int64(app, has_key ? id_at(node_ids, k.origin) : 0);
+        duckdb_append_int64(app, has_key ? id_at(node_ids, k.dest) : 0);
         duckdb_append_int32(app, k.slot);
         duckdb_append_float(app, t.value_of_time);
         duckdb_append_float(app, t.weight);
@@ -117,6 +132,12 @@ void append_agents(duckdb_appender app, const TripTable& trips, const Network& n
 
 void append_key_paths(duckdb_appender app, const TripTable& trips,
                       const std::vector<int32_t>& paths, const Network& network) {
+    // a_node and b_node of each link, side by side.
+    std::vector<int64_t> ends(network.links.size() * 2);
+    for (size_t l = 0; l < network.links.size(); ++l) {
+        ends[2 * l] = network.links[l].a_node;
+        ends[2 * l + 1] = network.links[l].b_node;
+    }
     const int64_t arena = static_cast<int64_t>(paths.size());
     const int32_t n_keys = static_cast<int32_t>(trips.route_keys.size());
     for (int32_t key = 0; key < n_keys; ++key) {
@@ -131,8 +152,8 @@ void append_key_paths(duckdb_appender app, const TripTable& trips,
             const bool valid = l >= 0 && l < network.link_count();
             duckdb_append_int32(app, key);
             duckdb_append_int32(app, seq);
-            duckdb_append_int64(app, valid ? network.links[l].a_node : 0);
-            duckdb_append_int64(app, valid ? network.links[l].b_node : 0);
+            duckdb_append_int64(app, valid ? ends[2 * static_cast<size_t>(l)] : 0);
+            duckdb_append_int64(app, valid ? ends[2 * static_cast<size_t>(l) + 1] : 0);
             duckdb_appender_end_row(app);
         }
     }
