@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <string>
 
@@ -26,6 +27,13 @@ using Clock = std::chrono::steady_clock;
 
 double since(Clock::time_point t0) {
     return std::chrono::duration<double>(Clock::now() - t0).count();
+}
+
+// Processor seconds of the whole process: on a shared machine the wall time alone misleads.
+double cpu_seconds() {
+    timespec ts;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) + ts.tv_nsec * 1e-9;
 }
 
 uint64_t mix(uint64_t h) {
@@ -118,19 +126,18 @@ int main(int argc, char** argv) {
     std::printf("set-up: %d links, %zu trips, %zu keys, %zu path links, %.1f s\n", net.link_count(),
                 trips.trips.size(), trips.route_keys.size(), arena.size(), since(t0));
 
-    t0 = Clock::now();
-    convert_volumes_to_vehicles(net, trips, arena);
-    std::printf("convert_volumes_to_vehicles   %7.2f s\n", since(t0));
+    auto timed = [](const char* name, auto&& fn) {
+        const Clock::time_point t = Clock::now();
+        const double c = cpu_seconds();
+        fn();
+        const double s = since(t);
+        std::printf("%-30s %7.2f s  (cpu %.2f s)\n", name, s, cpu_seconds() - c);
+        return s;
+    };
+    timed("convert_volumes_to_vehicles", [&] { convert_volumes_to_vehicles(net, trips, arena); });
 
     const size_t macro_rows = link_rows(net, LinkOutputScope::macro);
     const size_t meso_rows = link_rows(net, LinkOutputScope::meso);
-    auto timed = [](const char* name, auto&& fn) {
-        const Clock::time_point t = Clock::now();
-        fn();
-        const double s = since(t);
-        std::printf("%-30s %7.2f s\n", name, s);
-        return s;
-    };
     const double macro_s = timed("link_performance_macroDTA", [&] {
         write_link_performance(out + "/link_performance_macroDTA.csv", net, trips, arena, breakdown,
                                LinkOutputScope::macro);

@@ -77,14 +77,20 @@ std::vector<float> build_category_table(const Network& net, const TripTable& tri
         }
         for (float& w : pair_weight) w /= static_cast<float>(n_sub);
         const size_t n_pairs = pair_cat.size();
-        walk_key_path(net, arena.data() + key.path_offset, key.n_links, key.slot,
-                      trips.slot_minutes, [&](int32_t l, int i) {
-                          const int32_t row = row_of[l];
-                          if (row < 0) return;
-                          float* cell =
-                              cat.data() + (static_cast<size_t>(row) * kIntervals + i) * n_cat;
-                          for (size_t p = 0; p < n_pairs; ++p) cell[pair_cat[p]] += pair_weight[p];
-                      });
+        walk_key_path(
+            net, arena.data() + key.path_offset, key.n_links, key.slot, trips.slot_minutes,
+            [&](int32_t l, int i) {
+                const int32_t row = row_of[l];
+                if (row < 0) return;
+                float* cell = cat.data() + (static_cast<size_t>(row) * kIntervals + i) * n_cat;
+                for (size_t p = 0; p < n_pairs; ++p) cell[pair_cat[p]] += pair_weight[p];
+            },
+            [&](int32_t l, int i) {
+                const int32_t row = row_of[l];
+                if (row >= 0)
+                    __builtin_prefetch(
+                        cat.data() + (static_cast<size_t>(row) * kIntervals + i) * n_cat, 1);
+            });
     }
     return cat;
 }

@@ -35,29 +35,30 @@ void write_outputs(const RunConfig& config, const AssignmentState& state) {
     const bool paths = agent_paths_wanted(config);
 
     const auto start = std::chrono::steady_clock::now();
-    // A failure inside a writer thread is not caught there: it ends the process.
-    std::thread a([&] {
-        write_link_performance(dir + "/link_performance_macroDTA.csv", net, trips, arena, breakdown,
-                               LinkOutputScope::macro);
-    });
-    std::thread b([&] { write_route_keys(dir + "/route_keys.csv", trips, net.nodes); });
-    std::thread c([&] {
-        if (plans) write_agent_plans(dir + "/agentPlans_out.csv", trips, net.nodes);
-        if (paths) write_agent_database(dir + "/agentPaths.duckdb", trips, arena, net, true);
-    });
+    std::thread a, b, c;
     std::exception_ptr failed;
     try {
+        // A failure inside a writer thread is not caught there: it ends the process.
+        a = std::thread([&] {
+            write_link_performance(dir + "/link_performance_macroDTA.csv", net, trips, arena,
+                                   breakdown, LinkOutputScope::macro);
+        });
+        b = std::thread([&] { write_route_keys(dir + "/route_keys.csv", trips, net.nodes); });
+        c = std::thread([&] {
+            if (plans) write_agent_plans(dir + "/agentPlans_out.csv", trips, net.nodes);
+            if (paths) write_agent_database(dir + "/agentPaths.duckdb", trips, arena, net, true);
+        });
         write_link_performance(dir + "/link_performance_mesoDTA.csv", net, trips, arena, breakdown,
                                LinkOutputScope::meso);
         write_scope_summary(dir + "/scope_summary.csv", trips, net);
         write_count_validation(dir + "/count_validation.csv", net);
     } catch (...) {
-        // The main thread's error goes to the run's guard, once the writers have finished.
+        // A failed start or a failed main-thread file goes to the run's guard, once the writers
+        // already running have finished.
         failed = std::current_exception();
     }
-    a.join();
-    b.join();
-    c.join();
+    for (std::thread* t : {&a, &b, &c})
+        if (t->joinable()) t->join();
     if (failed) std::rethrow_exception(failed);
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

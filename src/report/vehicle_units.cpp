@@ -36,12 +36,16 @@ void convert_volumes_to_vehicles(Network& network, const TripTable& trips,
         const float v = k.weight / static_cast<float>(n_sub);
         const float p = v * trips.pce[k.segment % kMaxSegments];
         float* t = tab.data();
-        walk_key_path(network, path_arena.data() + k.path_offset, k.n_links, k.slot,
-                      trips.slot_minutes, [t, v, p](int32_t l, int i) {
-                          float* cell = t + (static_cast<size_t>(l) * kIntervals + i) * 2;
-                          cell[0] += v;
-                          cell[1] += p;
-                      });
+        walk_key_path(
+            network, path_arena.data() + k.path_offset, k.n_links, k.slot, trips.slot_minutes,
+            [t, v, p](int32_t l, int i) {
+                float* cell = t + (static_cast<size_t>(l) * kIntervals + i) * 2;
+                cell[0] += v;
+                cell[1] += p;
+            },
+            [t](int32_t l, int i) {
+                __builtin_prefetch(t + (static_cast<size_t>(l) * kIntervals + i) * 2, 1);
+            });
     }
 
     // Per-thread partial totals, added in thread order: the line reads the same on every run.
