@@ -76,6 +76,7 @@ inline char* put_fixed(char* p, float v, int decimals) {
 }
 
 inline char* put_str(char* p, std::string_view s) {
+    if (s.empty()) return p;  // an empty view may hold no pointer at all
     std::memcpy(p, s.data(), s.size());
     return p + s.size();
 }
