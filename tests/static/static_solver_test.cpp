@@ -8,6 +8,7 @@
 #include <sstream>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "assign/equilibrium.h"
 #include "input/network.h"
@@ -195,6 +196,29 @@ TEST(StaticSolver, DirectionCountersOverTheFirstIterations) {
     EXPECT_FALSE(fixture::file_exists(dir.file("ck.bin")));
 }
 
+TEST(StaticSolver, StopFileHaltsAfterItsCheckpoint) {
+    fixture::TempDir dir;
+    fixture::write_file(dir.file("STOP"), "");
+    SiouxFalls sf(StaMethod::bfw, 50, 0.0f);
+    sf.config.assignment.stop_file = dir.file("STOP");
+    sf.config.assignment.checkpoint_file = dir.file("ck.bin");
+    sf.prepare();
+    testing::internal::CaptureStdout();
+    const std::vector<IterationRecord> recs = run_static_solver(sf.state);
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(recs.size(), 2u);
+    const size_t ck =
+        log.find("[checkpoint] wrote iter 1 state to " + dir.file("ck.bin") + " (528 keys, ");
+    const size_t stop = log.find("[stop] stop-file '" + dir.file("STOP") +
+                                 "' detected -> halting at iteration 1\n");
+    ASSERT_NE(ck, std::string::npos);
+    ASSERT_NE(stop, std::string::npos);
+    EXPECT_LT(ck, stop);
+    EXPECT_TRUE(fixture::file_exists(dir.file("STOP")));  // left in place
+    EXPECT_NE(log.find("used 0, rejected 0 (non-convex), 1 before enough history"),
+              std::string::npos);
+}
+
 // The whole program on the Sioux Falls control file, with the reconciliation file and a
 // checkpoint: the equilibrium volumes in the file match the best-known flows.
 TEST(StaticSolver, SiouxFallsRunEndToEnd) {
@@ -236,6 +260,26 @@ TEST(StaticSolver, SiouxFallsRunEndToEnd) {
         ++rows;
     }
     EXPECT_EQ(rows, 76);
+    EXPECT_LT(std::sqrt(err / ref), 0.001);
+
+    // The link performance file carries the same volumes, interval by interval.
+    std::istringstream perf(fixture::read_file(dir.file("out/link_performance_macroDTA.csv")));
+    std::getline(perf, line);
+    ASSERT_EQ(line.rfind("a_node,b_node,county,ftype,hour,interval,volume,", 0), 0u) << line;
+    std::map<std::pair<int64_t, int64_t>, double> daily;
+    while (std::getline(perf, line)) {
+        std::vector<std::string> f;
+        std::istringstream row(line);
+        for (std::string cell; std::getline(row, cell, ',');) f.push_back(cell);
+        ASSERT_GE(f.size(), 7u) << line;
+        daily[{std::stoll(f[0]), std::stoll(f[1])}] += std::stod(f[6]);  // county may be empty
+    }
+    err = ref = 0;
+    for (const auto& [ab, v] : best) {
+        const double e = daily[ab] / 30;
+        err += (e - v) * (e - v);
+        ref += v * v;
+    }
     EXPECT_LT(std::sqrt(err / ref), 0.001);
 
     // The checkpoint written at convergence: 528 keys and 76 links around the paths.
