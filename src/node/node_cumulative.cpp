@@ -24,17 +24,9 @@ double backward_wave_steps(const Link& link, double dt) {
     return std::max(1e-6, (static_cast<double>(link.length_mi) / w) * 60.0 * 60.0 / dt);
 }
 
-// A link's ring holds both curves, interleaved (up, down) per step. Its length is a power of two
-// at least the lag reach plus two, so no read the lags can make is ever overwritten.
-struct Rings {
-    std::vector<int64_t> offset;  // per position, in steps
-    std::vector<uint32_t> mask;   // per position: ring length - 1
-    std::vector<double> values;
-};
-
-// The curve (0 upstream, 1 downstream) at real step x, interpolated between stored steps;
-// newest is the last step stored and oldest the first that may be trusted.
-inline double curve_at(const double* ring, int curve, uint32_t mask, double x, int64_t newest,
+// A curve at real step x, interpolated between stored steps; newest is the last step stored and
+// oldest the first that may be trusted. `ring` is the curve's own ring of mask + 1 steps.
+inline double curve_at(const double* ring, uint32_t mask, double x, int64_t newest,
                        int64_t oldest) {
     if (x <= 0.0) return 0.0;
     int64_t k = static_cast<int64_t>(x);
@@ -45,29 +37,65 @@ inline double curve_at(const double* ring, int curve, uint32_t mask, double x, i
         k = oldest;
     }
     if (k < 0) return 0.0;
-    const double a = ring[((static_cast<uint64_t>(k) & mask) << 1) + curve];
-    const double b =
-        k + 1 <= newest ? ring[((static_cast<uint64_t>(k + 1) & mask) << 1) + curve] : a;
+    const double a = ring[static_cast<uint64_t>(k) & mask];
+    const double b = k + 1 <= newest ? ring[static_cast<uint64_t>(k + 1) & mask] : a;
     return (b - a) * frac + a;
 }
 
+// Per-link state of the step loop, packed so that a node reaching one of its links touches one
+// cache line instead of one per array. LinkUp is what the tail node reads and writes (the link
+// as an out-link), LinkDown what the head node uses (the link as an in-link). A link's rings
+// hold the upstream curve, then the downstream curve, each a power of two of steps at least the
+// lag reach plus two, so no read the lags can make is ever overwritten.
+struct alignas(64) LinkUp {
+    double n_up;
+    double demand_in;
+    double phi;
+    double cap;
+    double storage;
+    double bw;
+    uint64_t ring_off;   // first value of the upstream ring
+    uint32_t ring_mask;  // ring length - 1
+};
+
+struct alignas(64) LinkDown {
+    double n_down;
+    double send;
+    double ff;
+    double discharge;  // of the current interval
+    double backlog;    // of the current interval
+    float exit_share;
+    int32_t turn_begin;
+    int32_t turn_end;
+};
+
 void build_rings(const std::vector<double>& ff, const std::vector<double>& bw, int32_t num_steps,
-                 Rings& rings) {
-    const size_t na = ff.size();
-    rings.offset.resize(na + 1);
-    rings.mask.resize(na);
-    int64_t at = 0;
-    for (size_t i = 0; i < na; ++i) {
+                 std::vector<LinkUp>& up, std::vector<double>& values) {
+    uint64_t at = 0;
+    for (size_t i = 0; i < up.size(); ++i) {
         const double reach = std::ceil(std::max(ff[i], bw[i])) + 2.0;
         const double capped = std::min(reach, static_cast<double>(num_steps) + 1.0);
-        uint64_t len = 2;
+        uint64_t len = 4;  // both rings of a short link share one cache line
         while (static_cast<double>(len) < capped) len <<= 1;
-        rings.offset[i] = at;
-        rings.mask[i] = static_cast<uint32_t>(len - 1);
-        at += static_cast<int64_t>(len);
+        up[i].ring_off = at;
+        up[i].ring_mask = static_cast<uint32_t>(len - 1);
+        at += 2 * len;
     }
-    rings.offset[na] = at;
-    rings.values.assign(static_cast<size_t>(at) * 2, 0.0);
+    values.assign(static_cast<size_t>(at), 0.0);
+}
+
+// The rings of all links far exceed the caches, and a lagged read lands anywhere in them:
+// the per-link pass asks for the lines a link a few places ahead will touch.
+constexpr int32_t kAhead = 12;
+
+inline void prefetch_rings(const double* ring, const LinkUp& u, const LinkDown& d, int32_t t) {
+    const double* r = ring + u.ring_off;
+    const uint64_t mask = u.ring_mask;
+    const double x = static_cast<double>(t) - d.ff;
+    const uint64_t k = x > 0.0 ? static_cast<uint64_t>(x) : 0;
+    __builtin_prefetch(r + (k & mask));
+    __builtin_prefetch(r + (static_cast<uint64_t>(t) & mask), 1);
+    __builtin_prefetch(r + mask + 1 + (static_cast<uint64_t>(t) & mask), 1);
 }
 
 }  // namespace
@@ -80,131 +108,162 @@ NodeLoadTotals run_cumulative(Network& net, const NodeLoadParams& params, const 
 
     std::vector<double> ff(na), bw(na);
     for (size_t i = 0; i < na; ++i) {
-        const Link& link = net.links[prep.active_links[i]];
+        const Link& link = net.links[prep.pos_link[i]];
         ff[i] = std::max(1e-6, static_cast<double>(link.free_flow_min) * 60.0 / dt);
         bw[i] = backward_wave_steps(link, dt);
     }
-    Rings rings;
-    build_rings(ff, bw, num_steps, rings);
-
-    std::vector<double> n_up(na, 0.0), n_down(na, 0.0), send(na, 0.0);
-    std::vector<double> demand_in(na, 0.0), phi(na, 1.0);
-    // Interval-major, so that the links of one step touch neighbouring cells.
+    std::vector<LinkUp> ups(na);
+    std::vector<LinkDown> downs(na);
+    std::vector<double> ring_values;
+    build_rings(ff, bw, num_steps, ups, ring_values);
+    for (size_t i = 0; i < na; ++i) {
+        LinkUp& u = ups[i];
+        u.n_up = u.demand_in = 0.0;
+        u.phi = 1.0;
+        u.cap = prep.cap_step[i];
+        u.storage = prep.storage[i];
+        u.bw = bw[i];
+        LinkDown& d = downs[i];
+        d.n_down = d.send = d.discharge = d.backlog = 0.0;
+        d.ff = ff[i];
+        d.exit_share = prep.exit_share[i];
+        d.turn_begin = prep.turn_begin[i];
+        d.turn_end = prep.turn_begin[i + 1];
+    }
+    double injected = 0.0;
+    for (const Injection& in : prep.inject)
+        if (in.pos >= 0) injected += in.veh;
+    // Interval-major, so that the flush at the end of an interval writes neighbouring cells.
     std::vector<double> queue_steps(na * kIntervals, 0.0), discharge(na * kIntervals, 0.0);
 
-    const double* cap = prep.cap_step.data();
-    const double* storage = prep.storage.data();
-    const float* exit_share = prep.exit_share.data();
-    const int32_t* turn_begin = prep.turn_begin.data();
+    auto interval_of_step = [&](int32_t t) {
+        const float m = std::min(static_cast<float>(t - 1) * prep.dt / 60.0f, 1799.99f);
+        return std::clamp(static_cast<int>(std::trunc(m / 15.0f)), 0, kIntervals - 1);
+    };
     const TurnShare* turns = prep.turns.data();
     const int32_t* node_in_begin = prep.node_in_begin.data();
     const int32_t* node_in = prep.node_in.data();
     const int32_t* node_out_begin = prep.node_out_begin.data();
     const int32_t* node_out = prep.node_out.data();
-    const int64_t* ring_off = rings.offset.data();
-    const uint32_t* ring_mask = rings.mask.data();
-    double* ring = rings.values.data();
-    double* up = n_up.data();
-    double* down = n_down.data();
-    double* snd = send.data();
-    double* dem = demand_in.data();
-    double* ph = phi.data();
+    double* ring = ring_values.data();
+    LinkUp* up = ups.data();
+    LinkDown* down = downs.data();
     const bool spatial = params.spatial_receiving;
     const int32_t n_nodes = static_cast<int32_t>(prep.active_nodes.size());
 
-    double injected = 0.0;
+    // The first step's injection; later ones are added by the per-link pass of the step before.
+    for (int64_t e = prep.inject_begin[0]; e < prep.inject_begin[1]; ++e)
+        if (prep.inject[e].pos >= 0) up[prep.inject[e].pos].n_up += prep.inject[e].veh;
+
     double exited = 0.0;
 #pragma omp parallel if (n_active >= kNodeParallelLinks)
-    for (int32_t t = 1; t <= num_steps; ++t) {
-        const float m = std::min(static_cast<float>(t - 1) * prep.dt / 60.0f, 1799.99f);
-        const int iv = std::clamp(static_cast<int>(std::trunc(m / 15.0f)), 0, kIntervals - 1);
+    {
+        const int nt = omp_get_num_threads();
+        const int tid = omp_get_thread_num();
+        const int32_t lo = static_cast<int32_t>(static_cast<int64_t>(n_active) * tid / nt);
+        const int32_t hi = static_cast<int32_t>(static_cast<int64_t>(n_active) * (tid + 1) / nt);
+        for (int32_t t = 1; t <= num_steps; ++t) {
+            const int iv = interval_of_step(t);
 
-#pragma omp single
-        for (int64_t e = prep.inject_begin[t - 1]; e < prep.inject_begin[t]; ++e) {
-            const Injection& in = prep.inject[e];
-            if (in.pos < 0) continue;
-            up[in.pos] += in.veh;
-            injected += in.veh;
-        }
-
-        // Node step: a link's upstream count, offer and ratio belong to its tail node, its
-        // downstream count and discharge to its head node, so nodes need no lock.
-        double* dis = discharge.data() + static_cast<size_t>(iv) * na;
+            // Node step: a link's upstream count, offer and ratio belong to its tail node, its
+            // downstream count and discharge to its head node, so nodes need no lock.
 #pragma omp for schedule(dynamic, 64) reduction(+ : exited)
-        for (int32_t n = 0; n < n_nodes; ++n) {
-            bool offered = false;
-            for (int32_t p = node_in_begin[n]; p < node_in_begin[n + 1]; ++p) {
-                const int32_t l = node_in[p];
-                const double f = snd[l];
-                if (!(f > 0.0)) continue;
-                offered = true;
-                for (int32_t e = turn_begin[l]; e < turn_begin[l + 1]; ++e)
-                    dem[turns[e].to_pos] += static_cast<double>(turns[e].share) * f;
-            }
-            if (!offered) continue;
-            for (int32_t p = node_out_begin[n]; p < node_out_begin[n + 1]; ++p) {
-                const int32_t o = node_out[p];
-                const double d_in = dem[o];
-                if (!(d_in > 0.0)) continue;
-                double receive = cap[o];
-                if (spatial) {
-                    const double d = curve_at(ring + ring_off[o] * 2, 1, ring_mask[o],
-                                              static_cast<double>(t) - bw[o], t - 1,
-                                              static_cast<int64_t>(t) - ring_mask[o]);
-                    receive = std::min(cap[o], std::max(d + storage[o] - up[o], 0.0));
+            for (int32_t n = 0; n < n_nodes; ++n) {
+                // A link with nothing to send offers and moves nothing. Once any in-link sends,
+                // the idle ones run through the same arithmetic with zeros, which adds exact
+                // zeros and spares the unpredictable branches.
+                bool offered = false;
+                for (int32_t p = node_in_begin[n]; p < node_in_begin[n + 1]; ++p)
+                    offered |= down[node_in[p]].send > 0.0;
+                if (!offered) continue;
+                for (int32_t p = node_in_begin[n]; p < node_in_begin[n + 1]; ++p) {
+                    const LinkDown& dl = down[node_in[p]];
+                    const double f = dl.send;
+                    for (int32_t e = dl.turn_begin; e < dl.turn_end; ++e)
+                        up[turns[e].to_pos].demand_in += static_cast<double>(turns[e].share) * f;
                 }
-                if (d_in > receive) ph[o] = receive / d_in;
-            }
-            for (int32_t p = node_in_begin[n]; p < node_in_begin[n + 1]; ++p) {
-                const int32_t l = node_in[p];
-                const double f = snd[l];
-                if (!(f > 0.0)) continue;
-                double moved = static_cast<double>(exit_share[l]) * f;
-                exited += moved;
-                for (int32_t e = turn_begin[l]; e < turn_begin[l + 1]; ++e) {
-                    const int32_t o = turns[e].to_pos;
-                    const double q = static_cast<double>(turns[e].share) * f * ph[o];
-                    if (!(q > 0.0)) continue;
-                    moved += q;
-                    up[o] += q;
+                for (int32_t p = node_out_begin[n]; p < node_out_begin[n + 1]; ++p) {
+                    LinkUp& o = up[node_out[p]];
+                    const double d_in = o.demand_in;
+                    if (!(d_in > 0.0)) continue;
+                    double receive = o.cap;
+                    if (spatial) {
+                        const double d = curve_at(ring + o.ring_off + o.ring_mask + 1, o.ring_mask,
+                                                  static_cast<double>(t) - o.bw, t - 1,
+                                                  static_cast<int64_t>(t) - o.ring_mask);
+                        receive = std::min(o.cap, std::max(d + o.storage - o.n_up, 0.0));
+                    }
+                    o.phi = d_in > receive ? receive / d_in : 1.0;
                 }
-                down[l] += moved;
-                dis[l] += moved;
+                for (int32_t p = node_in_begin[n]; p < node_in_begin[n + 1]; ++p) {
+                    LinkDown& dl = down[node_in[p]];
+                    const double f = dl.send;
+                    double moved = static_cast<double>(dl.exit_share) * f;
+                    exited += moved;
+                    for (int32_t e = dl.turn_begin; e < dl.turn_end; ++e) {
+                        LinkUp& o = up[turns[e].to_pos];
+                        const double q = static_cast<double>(turns[e].share) * f * o.phi;
+                        moved += q;
+                        o.n_up += q;
+                    }
+                    dl.n_down += moved;
+                    dl.discharge += moved;
+                }
+                for (int32_t p = node_out_begin[n]; p < node_out_begin[n + 1]; ++p) {
+                    up[node_out[p]].demand_in = 0.0;
+                    up[node_out[p]].phi = 1.0;
+                }
             }
-            for (int32_t p = node_out_begin[n]; p < node_out_begin[n + 1]; ++p) {
-                dem[node_out[p]] = 0.0;
-                ph[node_out[p]] = 1.0;
-            }
-        }
 
-        // Per link: store step t on the rings, book the backlog left after the moves, and read
-        // what the link may send in the next step (the injection does not touch either read).
-        double* qs = queue_steps.data() + static_cast<size_t>(iv) * na;
-#pragma omp for schedule(static)
-        for (int32_t i = 0; i < n_active; ++i) {
-            double* r = ring + ring_off[i] * 2;
-            const uint32_t mask = ring_mask[i];
-            const uint64_t slot = (static_cast<uint64_t>(t) & mask) << 1;
-            r[slot] = up[i];
-            r[slot + 1] = down[i];
-            const int64_t oldest = static_cast<int64_t>(t) - mask + 1;
-            const double u = curve_at(r, 0, mask, static_cast<double>(t) - ff[i], t, oldest);
-            qs[i] += std::max(u - down[i] - cap[i], 0.0);
-            const double u_next =
-                curve_at(r, 0, mask, static_cast<double>(t + 1) - ff[i], t, oldest);
-            snd[i] = std::min(cap[i], std::max(0.0, u_next - down[i]));
+            // Per link, on this thread's block: store step t on the rings, book the backlog
+            // left after the moves, read what the link may send in the next step, and add the
+            // next step's injection (neither read sees it).
+            const bool flush = t == num_steps || interval_of_step(t + 1) != iv;
+            const size_t iv_at = static_cast<size_t>(iv) * na;
+            for (int32_t i = lo; i < hi; ++i) {
+                if (i + kAhead < hi) prefetch_rings(ring, up[i + kAhead], down[i + kAhead], t);
+                LinkUp& u = up[i];
+                LinkDown& d = down[i];
+                double* r_up = ring + u.ring_off;
+                const uint32_t mask = u.ring_mask;
+                const uint64_t slot = static_cast<uint64_t>(t) & mask;
+                r_up[slot] = u.n_up;
+                r_up[mask + 1 + slot] = d.n_down;
+                const int64_t oldest = static_cast<int64_t>(t) - mask + 1;
+                const double a = curve_at(r_up, mask, static_cast<double>(t) - d.ff, t, oldest);
+                d.backlog += std::max(a - d.n_down - u.cap, 0.0);
+                const double b = curve_at(r_up, mask, static_cast<double>(t + 1) - d.ff, t, oldest);
+                d.send = std::min(u.cap, std::max(0.0, b - d.n_down));
+                if (flush) {
+                    queue_steps[iv_at + i] += d.backlog;
+                    discharge[iv_at + i] += d.discharge;
+                    d.backlog = d.discharge = 0.0;
+                }
+            }
+            if (t < num_steps) {
+                // A step injects a few thousand parts at most: each thread scans them all and
+                // adds its own, in key order.
+                for (int64_t e = prep.inject_begin[t]; e < prep.inject_begin[t + 1]; ++e) {
+                    const Injection& in = prep.inject[e];
+                    if (in.pos >= lo && in.pos < hi) up[in.pos].n_up += in.veh;
+                }
+            }
+#pragma omp barrier
         }
     }
 
     NodeLoadTotals totals;
     totals.injected = injected;
     totals.exited = exited;
-    for (size_t i = 0; i < na; ++i) totals.on_network_end += n_up[i] - n_down[i];
+    for (const int32_t l : prep.active_links) {
+        const int32_t i = prep.dense[l];
+        totals.on_network_end += ups[i].n_up - downs[i].n_down;
+    }
     if (params.blend >= 0.999f) print_conservation("node-dnl/cumulative", totals);
     const double steps_per_interval = std::max(1e-6, 900.0 / dt);
 #pragma omp parallel for schedule(static) if (n_active >= kNodeParallelLinks)
     for (int32_t i = 0; i < n_active; ++i)
-        write_link_results(net.links[prep.active_links[i]], queue_steps.data() + i,
+        write_link_results(net.links[prep.pos_link[i]], queue_steps.data() + i,
                            discharge.data() + i, na, steps_per_interval, params.blend,
                            params.max_delay_min);
     return totals;

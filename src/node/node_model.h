@@ -56,14 +56,15 @@ struct Injection {
     double veh = 0;
 };
 
-// Demand tables and active sets of one load. Per-link tables are indexed by the link's position
-// in active_links; node lists hold positions too.
+// Demand tables and active sets of one load. Per-link tables are indexed by a link's position
+// (pos_link, dense); node lists hold positions too.
 struct NodePrep {
     float dt = 60.0f;
     int32_t num_steps = 0;
 
-    std::vector<int32_t> dense;         // link index -> position, or -1
     std::vector<int32_t> active_links;  // ascending link indices
+    std::vector<int32_t> pos_link;      // position -> link: grouped by head node
+    std::vector<int32_t> dense;         // link index -> position, or -1
     std::vector<int32_t> active_nodes;  // head nodes in order of first appearance
 
     std::vector<double> cap_step;  // vehicles per step

@@ -136,7 +136,9 @@ void build_interval_shares(const Network& net, const TripTable& trips,
     prep.has_interval_turns = true;
 }
 
-void build_node_lists(const Network& net, NodePrep& prep) {
+// Active nodes, and positions grouped by head node in that order, so that a node's in-links sit
+// side by side in the per-link tables (links without a head node come last).
+void build_positions(const Network& net, NodePrep& prep) {
     std::vector<uint8_t> seen(net.nodes.size(), 0);
     prep.active_nodes.clear();
     for (const int32_t l : prep.active_links) {
@@ -145,6 +147,20 @@ void build_node_lists(const Network& net, NodePrep& prep) {
         seen[head] = 1;
         prep.active_nodes.push_back(head);
     }
+    std::vector<uint8_t> active(net.links.size(), 0);
+    for (const int32_t l : prep.active_links) active[l] = 1;
+    prep.pos_link.clear();
+    for (const int32_t h : prep.active_nodes)
+        for (const int32_t l : net.nodes[h].in_links)
+            if (active[l]) prep.pos_link.push_back(l);
+    for (const int32_t l : prep.active_links)
+        if (net.links[l].to < 0) prep.pos_link.push_back(l);
+    prep.dense.assign(net.links.size(), -1);
+    for (size_t i = 0; i < prep.pos_link.size(); ++i)
+        prep.dense[prep.pos_link[i]] = static_cast<int32_t>(i);
+}
+
+void build_node_lists(const Network& net, NodePrep& prep) {
     prep.node_in_begin.assign(1, 0);
     prep.node_out_begin.assign(1, 0);
     prep.node_in.clear();
@@ -205,14 +221,11 @@ void prepare_node_load(const Network& net, const TripTable& trips,
         }
     }
 
-    // Active links and their constants, in ascending link order.
-    prep.dense.assign(n_links, -1);
+    // Active links, active nodes, and the constants of each position.
     prep.active_links.clear();
-    for (int32_t l = 0; l < n_links; ++l) {
-        if (!(link_total[l] > 0.0)) continue;
-        prep.dense[l] = static_cast<int32_t>(prep.active_links.size());
-        prep.active_links.push_back(l);
-    }
+    for (int32_t l = 0; l < n_links; ++l)
+        if (link_total[l] > 0.0) prep.active_links.push_back(l);
+    build_positions(net, prep);
     const size_t n_active = prep.active_links.size();
     prep.cap_step.resize(n_active);
     prep.storage.resize(n_active);
@@ -221,7 +234,7 @@ void prepare_node_load(const Network& net, const TripTable& trips,
     prep.turns.clear();
     const double step_hours = static_cast<double>(prep.dt) / 3600.0;
     for (size_t i = 0; i < n_active; ++i) {
-        const int32_t l = prep.active_links[i];
+        const int32_t l = prep.pos_link[i];
         const Link& link = net.links[l];
         prep.cap_step[i] = static_cast<double>(std::max(0.001f, link.discharge_vph)) * step_hours;
         float s = link.storage_veh;

@@ -50,7 +50,7 @@ NodeLoadTotals run_queue_stepping(Network& net, const NodeLoadParams& params,
 
     std::vector<int32_t> fft_steps(na);
     for (size_t i = 0; i < na; ++i) {
-        const Link& link = net.links[prep.active_links[i]];
+        const Link& link = net.links[prep.pos_link[i]];
         fft_steps[i] = std::max(1L, lroundf(link.free_flow_min * 60.0f / dt));
     }
     std::vector<double> sending(na, 0.0), occupancy(na, 0.0), receiving(na, 0.0);
@@ -142,11 +142,11 @@ NodeLoadTotals run_queue_stepping(Network& net, const NodeLoadParams& params,
         }
     }
 
-    for (size_t i = 0; i < na; ++i) totals.on_network_end += occupancy[i];
+    for (const int32_t l : prep.active_links) totals.on_network_end += occupancy[prep.dense[l]];
     if (params.blend >= 0.999f) print_conservation("node-dnl", totals);
 #pragma omp parallel for schedule(static) if (n_active >= kNodeParallelLinks)
     for (int32_t i = 0; i < n_active; ++i)
-        write_link_results(net.links[prep.active_links[i]], queue_integral.data() + i,
+        write_link_results(net.links[prep.pos_link[i]], queue_integral.data() + i,
                            discharge.data() + i, na, 900.0, params.blend, params.max_delay_min);
     return totals;
 }
