@@ -171,6 +171,19 @@ int64_t resample_keys(TripTable& trips, float f) {
     return active;
 }
 
+bool checkpoint_and_check_stop(AssignmentState& state, int32_t iteration, bool converged) {
+    const AssignmentSettings& a = state.config.assignment;
+    const bool stop = stop_file_present(a.stop_file);
+    const bool due = a.checkpoint_every > 0 && iteration % a.checkpoint_every == 0;
+    if (!a.checkpoint_file.empty() && (stop || due || converged || iteration == a.max_iterations))
+        write_checkpoint(a.checkpoint_file, *state.trips, state.path_arena, *state.network,
+                         iteration);
+    if (stop)
+        progress("[%s][stop] stop-file '%s' detected -> halting at iteration %d\n", now_hms(),
+                 a.stop_file.c_str(), iteration);
+    return stop;
+}
+
 std::vector<IterationRecord> run_assignment(AssignmentState& state) {
     if (state.network->is_static && state.config.sta_method != StaMethod::legacy)
         return run_static_solver(state);
@@ -242,15 +255,7 @@ std::vector<IterationRecord> run_assignment(AssignmentState& state) {
 
         const bool sampling_over = !progressive || fraction >= 0.999f;
         const bool converged = rec.rel_gap < a.relative_gap && sampling_over;
-        const bool stop = stop_file_present(a.stop_file);
-        const bool due = a.checkpoint_every > 0 && i % a.checkpoint_every == 0;
-        if (!a.checkpoint_file.empty() && (stop || due || converged || i == a.max_iterations))
-            write_checkpoint(a.checkpoint_file, trips, state.path_arena, *state.network, i);
-        if (stop) {
-            progress("[%s][stop] stop-file '%s' detected -> halting at iteration %d\n", now_hms(),
-                     a.stop_file.c_str(), i);
-            break;
-        }
+        if (checkpoint_and_check_stop(state, i, converged)) break;
         if (converged) {
             progress("[converged] rel_gap %.5f < eps %.5f at iteration %d\n", rec.rel_gap,
                      a.relative_gap, i);

@@ -12,6 +12,10 @@ namespace torvex {
 
 std::vector<IterationRecord> run_assignment(AssignmentState& state);
 
+// End of an iteration of either loop: looks for the stop file, writes the checkpoint when it is
+// due (or at convergence, the last iteration or a stop), and prints the stop line. True on a stop.
+bool checkpoint_and_check_stop(AssignmentState& state, int32_t iteration, bool converged);
+
 // imped of every key: the cost of its current path on the current link table, 0 without one.
 void price_current_paths(AssignmentState& state);
 

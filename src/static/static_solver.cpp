@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "assign/checkpoint.h"
+#include "assign/equilibrium.h"
 #include "assign/network_loading.h"
 #include "assign/routing_pass.h"
 #include "report/outputs.h"
@@ -89,14 +90,6 @@ void move_towards(std::vector<float>& x, const std::vector<float>& d, float step
     const int64_t n = static_cast<int64_t>(x.size());
 #pragma omp parallel for schedule(static)
     for (int64_t i = 0; i < n; ++i) x[i] = x[i] + step * (d[i] - x[i]);
-}
-
-bool stop_file_present(const std::string& path) {
-    if (path.empty()) return false;
-    FILE* f = std::fopen(path.c_str(), "r");
-    if (!f) return false;
-    std::fclose(f);
-    return true;
 }
 
 // Working arrays of one solve: full resolution (link * 120 + interval) and windowed.
@@ -211,15 +204,7 @@ std::vector<IterationRecord> run_static_solver(AssignmentState& state, StaticSol
             rec.pass_seconds);
 
         const bool converged = rec.rel_gap < a.relative_gap;
-        const bool stop = stop_file_present(a.stop_file);
-        const bool due = a.checkpoint_every > 0 && k % a.checkpoint_every == 0;
-        if (!a.checkpoint_file.empty() && (stop || due || converged || k == a.max_iterations))
-            write_checkpoint(a.checkpoint_file, trips, state.path_arena, *state.network, k);
-        if (stop) {
-            progress("[%s][stop] stop-file '%s' detected -> halting at iteration %d\n", now_hms(),
-                     a.stop_file.c_str(), k);
-            break;
-        }
+        if (checkpoint_and_check_stop(state, k, converged)) break;
         if (converged) {
             progress("[converged] rel_gap %.6f < eps %.5f at iteration %d\n", rec.rel_gap,
                      a.relative_gap, k);

@@ -97,7 +97,9 @@ TEST(Checkpoint, RoundTripRestoresPathsWeightsAndTimes) {
                                  dir.file("ck.bin") + " (" + std::to_string(3 * kZones) +
                                  " keys, " + std::to_string(state.path_arena.size()) +
                                  " path-links)\n";
-        if (i == 5) EXPECT_NE(log.find(line), std::string::npos) << log;
+        if (i == 5) {
+            EXPECT_NE(log.find(line), std::string::npos) << log;
+        }
         EXPECT_NE(log.find("[checkpoint] wrote iter " + std::to_string(i) + " "),
                   std::string::npos);
     }

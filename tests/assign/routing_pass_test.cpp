@@ -263,7 +263,9 @@ TEST(RoutingPass, FilterHoldsShareAndMergeKeepsRejectedPaths) {
         expect += adopt;
         if (k == self) continue;
         EXPECT_EQ(p.path_of(k)[0], adopt ? 1 : 0) << "key " << k;
-        if (!adopt) EXPECT_EQ(p.path_of(k), old_paths[k]);
+        if (!adopt) {
+            EXPECT_EQ(p.path_of(k), old_paths[k]);
+        }
     }
     EXPECT_EQ(r.rerouted, expect);
     EXPECT_NEAR(static_cast<double>(expect) / n_keys, 0.3, 0.04);
