@@ -1,5 +1,9 @@
 #include "input/table_reader.h"
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -191,17 +195,33 @@ bool LineReader::next_line(FieldView& line) {
     }
 }
 
-// Fields of a trip row are short: a plain byte scan beats a memchr call per field.
+// Fields of a trip row are short, so commas are found sixteen bytes at a time (SSE2, part of
+// every x86-64 processor) rather than by a memchr call per field; the tail goes byte by byte.
 void split_csv(FieldView line, std::vector<FieldView>& fields) {
     fields.clear();
-    const char* start = line.data;
-    const char* end = line.data + line.size;
-    for (const char* p = start; p < end; ++p) {
-        if (*p != ',') continue;
-        fields.push_back(FieldView{start, static_cast<size_t>(p - start)});
-        start = p + 1;
+    const char* base = line.data;
+    const size_t n = line.size;
+    const char* start = base;
+    size_t i = 0;
+#ifdef __SSE2__
+    const __m128i comma = _mm_set1_epi8(',');
+    for (; i + 16 <= n; i += 16) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(base + i));
+        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, comma)));
+        while (mask != 0) {
+            const char* p = base + i + __builtin_ctz(mask);
+            fields.push_back(FieldView{start, static_cast<size_t>(p - start)});
+            start = p + 1;
+            mask &= mask - 1;
+        }
     }
-    fields.push_back(FieldView{start, static_cast<size_t>(end - start)});
+#endif
+    for (; i < n; ++i) {
+        if (base[i] != ',') continue;
+        fields.push_back(FieldView{start, static_cast<size_t>(base + i - start)});
+        start = base + i + 1;
+    }
+    fields.push_back(FieldView{start, static_cast<size_t>(base + n - start)});
 }
 
 void read_header(FieldView line, HeaderMap& map) {
