@@ -25,6 +25,23 @@ bool key_path(const RouteKey& key, int32_t k, const std::vector<int32_t>& arena,
     return links != nullptr && n > 0;
 }
 
+// Calls fn(key, links, n, veh) for every key that carries weight and has a path to load, in key
+// order, with veh its load in PCE.
+template <typename Fn>
+void for_each_loaded_path(const TripTable& trips, const std::vector<int32_t>& arena,
+                          const PathOverlay* overlay, Fn fn) {
+    const int32_t n_keys = static_cast<int32_t>(trips.route_keys.size());
+    for (int32_t k = 0; k < n_keys; ++k) {
+        const RouteKey& key = trips.route_keys[k];
+        if (!(key.weight > 0.0f)) continue;
+        const int32_t* links;
+        int32_t n;
+        if (!key_path(key, k, arena, overlay, links, n)) continue;
+        fn(key, links, n,
+           static_cast<double>(trips.pce[key.segment]) * static_cast<double>(key.weight));
+    }
+}
+
 // Candidate movements of a link: one slot per out-link of its head node. Pairs whose second link
 // does not leave the first link's head (a broken path) have no slot.
 struct PairSlots {
@@ -85,38 +102,32 @@ void build_interval_shares(const Network& net, const TripTable& trips,
 
     int groups = static_cast<int>(std::trunc(trips.slot_minutes / 15.0f));
     if (groups < 2) groups = 1;
-    const int32_t n_keys = static_cast<int32_t>(trips.route_keys.size());
-    for (int32_t k = 0; k < n_keys; ++k) {
-        const RouteKey& key = trips.route_keys[k];
-        if (!(key.weight > 0.0f)) continue;
-        const int32_t* links;
-        int32_t n;
-        if (!key_path(key, k, arena, overlay, links, n)) continue;
-        const double veh =
-            static_cast<double>(trips.pce[key.segment]) * static_cast<double>(key.weight);
-        const double w = veh / groups;
-        for (int g = 0; g < groups; ++g) {
-            float t = static_cast<float>(key.slot) * trips.slot_minutes + 7.5f +
-                      static_cast<float>(g) * 15.0f;
-            if (t >= kHorizonMin) break;
-            for (int32_t j = 0; j < n; ++j) {
-                const int32_t l = links[j];
-                t += net.links[l].travel_time_min[interval_of(t)];
-                const int v = interval_of(t);
-                const int32_t pos = prep.dense[l];
-                if (pos >= 0) {
-                    link_iv[static_cast<size_t>(pos) * kIntervals + v] += w;
-                    const int64_t slot = j + 1 < n ? pairs.find(net, l, links[j + 1]) : -1;
-                    const int32_t m = slot >= 0 ? pairs.movement[slot] : -1;
-                    if (m >= 0)
-                        movement_iv[static_cast<size_t>(m) * kIntervals + v] += w;
-                    else
-                        exit_vol[static_cast<size_t>(pos) * kIntervals + v] += w;
-                }
+    for_each_loaded_path(
+        trips, arena, overlay,
+        [&](const RouteKey& key, const int32_t* links, int32_t n, double veh) {
+            const double w = veh / groups;
+            for (int g = 0; g < groups; ++g) {
+                float t = static_cast<float>(key.slot) * trips.slot_minutes + 7.5f +
+                          static_cast<float>(g) * 15.0f;
                 if (t >= kHorizonMin) break;
+                for (int32_t j = 0; j < n; ++j) {
+                    const int32_t l = links[j];
+                    t += net.links[l].travel_time_min[interval_of(t)];
+                    const int v = interval_of(t);
+                    const int32_t pos = prep.dense[l];
+                    if (pos >= 0) {
+                        link_iv[static_cast<size_t>(pos) * kIntervals + v] += w;
+                        const int64_t slot = j + 1 < n ? pairs.find(net, l, links[j + 1]) : -1;
+                        const int32_t m = slot >= 0 ? pairs.movement[slot] : -1;
+                        if (m >= 0)
+                            movement_iv[static_cast<size_t>(m) * kIntervals + v] += w;
+                        else
+                            exit_vol[static_cast<size_t>(pos) * kIntervals + v] += w;
+                    }
+                    if (t >= kHorizonMin) break;
+                }
             }
-        }
-    }
+        });
 
     prep.turn_iv.assign(static_cast<size_t>(n_movements) * kIntervals, 0.0f);
     prep.exit_iv.assign(n_active * kIntervals, 0.0f);
@@ -191,35 +202,31 @@ void prepare_node_load(const Network& net, const TripTable& trips,
     build_pair_slots(net, pairs);
     int32_t n_movements = 0;
     prep.inject_begin.assign(static_cast<size_t>(prep.num_steps) + 1, 0);
-    const int32_t n_keys = static_cast<int32_t>(trips.route_keys.size());
-    for (int32_t k = 0; k < n_keys; ++k) {
-        const RouteKey& key = trips.route_keys[k];
-        if (!(key.weight > 0.0f)) continue;
-        const int32_t* links;
-        int32_t n;
-        if (!key_path(key, k, arena, overlay, links, n)) continue;
-        const double veh =
-            static_cast<double>(trips.pce[key.segment]) * static_cast<double>(key.weight);
-        spread_departure(key.slot, trips.slot_minutes, params.inject_res_min, prep.dt,
-                         prep.num_steps, veh,
-                         [&](int32_t step, double) { ++prep.inject_begin[step + 1]; });
-        for (int32_t j = 0; j < n; ++j) {
-            const int32_t l = links[j];
-            link_total[l] += veh;
-            if (j + 1 == n) {
-                link_exit[l] += veh;
-                break;
-            }
-            const int64_t slot = pairs.find(net, l, links[j + 1]);
-            if (slot < 0) {
-                // A broken path: the vehicles leave the model where the path breaks.
-                link_exit[l] += veh;
-                continue;
-            }
-            pairs.volume[slot] += veh;
-            if (number_movements && pairs.movement[slot] < 0) pairs.movement[slot] = n_movements++;
-        }
-    }
+    for_each_loaded_path(trips, arena, overlay,
+                         [&](const RouteKey& key, const int32_t* links, int32_t n, double veh) {
+                             spread_departure(
+                                 key.slot, trips.slot_minutes, params.inject_res_min, prep.dt,
+                                 prep.num_steps, veh,
+                                 [&](int32_t step, double) { ++prep.inject_begin[step + 1]; });
+                             for (int32_t j = 0; j < n; ++j) {
+                                 const int32_t l = links[j];
+                                 link_total[l] += veh;
+                                 if (j + 1 == n) {
+                                     link_exit[l] += veh;
+                                     break;
+                                 }
+                                 const int64_t slot = pairs.find(net, l, links[j + 1]);
+                                 if (slot < 0) {
+                                     // A broken path: the vehicles leave the model where the path
+                                     // breaks.
+                                     link_exit[l] += veh;
+                                     continue;
+                                 }
+                                 pairs.volume[slot] += veh;
+                                 if (number_movements && pairs.movement[slot] < 0)
+                                     pairs.movement[slot] = n_movements++;
+                             }
+                         });
 
     // Active links, active nodes, and the constants of each position.
     prep.active_links.clear();
@@ -261,20 +268,15 @@ void prepare_node_load(const Network& net, const TripTable& trips,
     for (int32_t s = 0; s < prep.num_steps; ++s) prep.inject_begin[s + 1] += prep.inject_begin[s];
     prep.inject.resize(static_cast<size_t>(prep.inject_begin[prep.num_steps]));
     std::vector<int64_t> fill(prep.inject_begin.begin(), prep.inject_begin.end() - 1);
-    for (int32_t k = 0; k < n_keys; ++k) {
-        const RouteKey& key = trips.route_keys[k];
-        if (!(key.weight > 0.0f)) continue;
-        const int32_t* links;
-        int32_t n;
-        if (!key_path(key, k, arena, overlay, links, n)) continue;
-        const double veh =
-            static_cast<double>(trips.pce[key.segment]) * static_cast<double>(key.weight);
-        const int32_t first = links[0];
-        spread_departure(key.slot, trips.slot_minutes, params.inject_res_min, prep.dt,
-                         prep.num_steps, veh, [&](int32_t step, double part) {
-                             prep.inject[fill[step]++] = Injection{first, prep.dense[first], part};
-                         });
-    }
+    for_each_loaded_path(
+        trips, arena, overlay, [&](const RouteKey& key, const int32_t* links, int32_t, double veh) {
+            const int32_t first = links[0];
+            spread_departure(
+                key.slot, trips.slot_minutes, params.inject_res_min, prep.dt, prep.num_steps, veh,
+                [&](int32_t step, double part) {
+                    prep.inject[fill[step]++] = Injection{first, prep.dense[first], part};
+                });
+        });
 
     build_node_lists(net, prep);
 
