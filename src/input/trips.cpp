@@ -9,8 +9,8 @@
 #include "input/table_reader.h"
 #include "input/trip_memory.h"
 #include "input/trip_table.h"
-#include "toll/toll_tables.h"
 #include "run/log.h"
+#include "toll/toll_tables.h"
 
 namespace torvex {
 
@@ -97,50 +97,6 @@ struct Interner {
         return id;
     }
 };
-
-// field_i64 without its copy and strtoll for the common plain-digit field; same results.
-int64_t row_i64(FieldView f) {
-    const char* p = f.data;
-    const size_t n = f.size;
-    if (n == 0 || n > 18) return field_i64(f);
-    const bool negative = p[0] == '-';
-    size_t i = negative ? 1 : 0;
-    if (i == n) return field_i64(f);
-    int64_t v = 0;
-    for (; i < n; ++i) {
-        const unsigned d = static_cast<unsigned>(p[i] - '0');
-        if (d > 9) return field_i64(f);
-        v = v * 10 + d;
-    }
-    return negative ? -v : v;
-}
-
-// field_f64 for plain decimals of at most 15 digits: the digits and the power of ten are exact
-// doubles, so one division rounds exactly as strtod does. Anything else goes to field_f64.
-double row_f64(FieldView f) {
-    static constexpr double kPow10[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
-                                        1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
-    const char* p = f.data;
-    const size_t n = f.size;
-    if (n == 0 || n > 63) return field_f64(f);
-    const bool negative = p[0] == '-';
-    uint64_t m = 0;
-    int digits = 0, frac = -1;
-    for (size_t i = negative ? 1 : 0; i < n; ++i) {
-        if (p[i] == '.') {
-            if (frac >= 0) return field_f64(f);
-            frac = 0;
-            continue;
-        }
-        const unsigned d = static_cast<unsigned>(p[i] - '0');
-        if (d > 9 || ++digits > 15) return field_f64(f);
-        m = m * 10 + d;
-        if (frac >= 0) ++frac;
-    }
-    if (digits == 0) return field_f64(f);
-    const double v = frac > 0 ? static_cast<double>(m) / kPow10[frac] : static_cast<double>(m);
-    return negative ? -v : v;
-}
 
 // Node ids to indices as node_index has them; a direct table when the ids are dense enough.
 struct NodeLookup {
@@ -266,8 +222,8 @@ TripLoadSummary load_trips(const std::string& path, const Network& network, Trip
         if (sample_every > 1 && s.rows_read % sample_every != 0) continue;
 
         split_csv(line, f);
-        const int64_t o_id = row_i64(field_at(f, c.o));
-        const int64_t d_id = row_i64(field_at(f, c.d));
+        const int64_t o_id = field_i64(field_at(f, c.o));
+        const int64_t d_id = field_i64(field_at(f, c.d));
         const int32_t origin = nodes.find(o_id);
         const int32_t dest = nodes.find(d_id);
         if (origin < 0 || dest < 0 || o_id == d_id) {
@@ -289,13 +245,13 @@ TripLoadSummary load_trips(const std::string& path, const Network& network, Trip
                 continue;
             }
         } else if (c.encoding == Departure::period) {
-            slot = row_i64(dep);
+            slot = field_i64(dep);
             if (slot < 0 || slot >= num_slots) {
                 range.reject(s, slot);
                 continue;
             }
         } else {
-            const int64_t hour = row_i64(dep);
+            const int64_t hour = field_i64(dep);
             if (hour < 1 || hour > 30) {
                 range.reject(s, hour);
                 continue;
@@ -306,7 +262,7 @@ TripLoadSummary load_trips(const std::string& path, const Network& network, Trip
 
         double value = 1.0;
         if (c.veh_trips >= 0) {
-            value = row_f64(field_at(f, c.veh_trips));
+            value = field_f64(field_at(f, c.veh_trips));
             if (!(value > 0)) {
                 ++s.zero_weight;
                 continue;
@@ -315,13 +271,13 @@ TripLoadSummary load_trips(const std::string& path, const Network& network, Trip
 
         Trip t;
         t.agent_id = s.rows_read;
-        t.hh_id = row_i64(field_at(f, c.hh));
-        t.person_id = row_i64(field_at(f, c.person));
-        t.tour_id = static_cast<int32_t>(row_i64(field_at(f, c.tour)));
-        t.trip_id = static_cast<int32_t>(row_i64(field_at(f, c.trip)));
-        t.value_of_time = static_cast<float>(row_f64(field_at(f, c.vot)));
+        t.hh_id = field_i64(field_at(f, c.hh));
+        t.person_id = field_i64(field_at(f, c.person));
+        t.tour_id = static_cast<int32_t>(field_i64(field_at(f, c.tour)));
+        t.trip_id = static_cast<int32_t>(field_i64(field_at(f, c.trip)));
+        t.value_of_time = static_cast<float>(field_f64(field_at(f, c.vot)));
         t.weight = sample * static_cast<float>(value);
-        if (c.occupancy >= 0) t.occupancy = occupancy_of(row_f64(field_at(f, c.occupancy)));
+        if (c.occupancy >= 0) t.occupancy = occupancy_of(field_f64(field_at(f, c.occupancy)));
         if (c.vehicle_type >= 0) t.is_ev = ev_flag(field_at(f, c.vehicle_type));
         if (c.purpose >= 0) t.purpose = purposes.id(trim_right(field_at(f, c.purpose)).view());
         if (c.market >= 0) t.market = markets.id(trim_right(field_at(f, c.market)).view());

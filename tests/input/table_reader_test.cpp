@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <cstdlib>
 #include <random>
 #include <stdexcept>
 
@@ -231,6 +233,24 @@ TEST(FieldConversion, ForgivingNumbers) {
     EXPECT_EQ(i64(std::string(40, ' ') + "5"), 0);  // the digit lies past the copy limit
     std::string s = "  1,5 \r";
     EXPECT_EQ(trim_right(FieldView{s.data(), s.size()}).view(), "  1,5");
+
+    // The in-place fast paths give exactly what strtod and strtoll give on the copied text, for
+    // plain numbers of every length and for the odd ones that leave the fast path.
+    std::mt19937 rng(5);
+    const char alphabet[] = "0123456789012345678901234567890123456789.-+e x";
+    for (int trial = 0; trial < 20000; ++trial) {
+        std::string t(rng() % 24, '0');
+        for (char& c : t) c = alphabet[rng() % (sizeof alphabet - 1)];
+        if (trial % 2 == 0)  // mostly digits with at most a sign and one point
+            for (char& c : t) c = (c < '0' || c > '9') ? '0' + static_cast<char>(rng() % 10) : c;
+        if (trial % 4 == 0 && !t.empty()) t[rng() % t.size()] = '.';
+        if (trial % 8 == 0) t = "-" + t;
+        const double want_f = std::strtod(t.substr(0, 63).c_str(), nullptr);
+        const int64_t want_i = std::strtoll(t.substr(0, 31).c_str(), nullptr, 10);
+        ASSERT_EQ(std::signbit(f64(t)), std::signbit(want_f)) << t;
+        ASSERT_EQ(f64(t), want_f) << t;
+        ASSERT_EQ(i64(t), want_i) << t;
+    }
 }
 
 }  // namespace
