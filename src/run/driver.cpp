@@ -12,6 +12,7 @@
 #include "input/network.h"
 #include "input/trip_table.h"
 #include "input/turn_table.h"
+#include "node/node_conservation.h"
 #include "report/outputs.h"
 #include "run/log.h"
 #include "run/run_config.h"
@@ -175,6 +176,7 @@ int run_phases(RunConfig& config) {
     convert_volumes_to_vehicles(net, trips, state.path_arena);
     write_outputs(config, state);
     check_path_continuity(net, trips, state.path_arena, config.output_directory);
+    if (config.node_conservation) write_node_conservation_report(config, state);
 
     const double t = seconds_since(run_start);
     progress("[%s] Morvane DTA run complete -- total runtime %s (%.1fs)\n", now_hms(),

@@ -1,3 +1,5 @@
+#include "node/node_conservation.h"
+
 #include <gtest/gtest.h>
 #include <omp.h>
 
@@ -9,11 +11,61 @@
 #include "assign/routing_pass.h"
 #include "input/network.h"
 #include "input/trip_table.h"
+#include "node/node_fixture.h"
 #include "node/node_model.h"
 #include "support/test_files.h"
 
 namespace torvex {
 namespace {
+
+// A day's volume in whole vehicles over two intervals, exact in single precision.
+void set_day_volume(Link& l, double day) {
+    l.volume[7] = static_cast<float>(day - 1000.0);
+    l.volume[90] = 1000.0f;
+}
+
+TEST(NodeImbalance, InteriorNodesThresholdsWorstAndRows) {
+    // Zone 0 hangs on node 1 by connectors; 1 -> 2 -> 3 -> 4 -> 5 and 5 -> 1 carry volumes
+    // that leave node 2 at exactly 5000 out of balance, node 3 at 25000, node 4 at -60000.
+    fixture::NodeCase c(6);
+    const int32_t c01 = c.link(0, 1), c10 = c.link(1, 0);
+    const int32_t l12 = c.link(1, 2), l23 = c.link(2, 3), l34 = c.link(3, 4);
+    const int32_t l45 = c.link(4, 5), l51 = c.link(5, 1);
+    for (int32_t l : {c01, c10}) c.net.links[l].is_connector = 1;
+    c.net.nodes[0].is_centroid = 1;
+    set_day_volume(c.net.links[c01], 1e6);  // node 1 touches a connector: never measured
+    set_day_volume(c.net.links[l12], 40000);
+    set_day_volume(c.net.links[l23], 35000);
+    set_day_volume(c.net.links[l34], 10000);
+    set_day_volume(c.net.links[l45], 70000);
+    set_day_volume(c.net.links[l51], 70000);
+
+    fixture::TempDir dir;
+    const ImbalanceStats s = measure_node_imbalance(c.net, dir.file("n.csv"), 5000.0);
+    EXPECT_EQ(s.interior_nodes, 4);  // 2, 3, 4, 5
+    EXPECT_EQ(s.over_5k, 2);         // exactly 5000 is not above it
+    EXPECT_EQ(s.over_20k, 2);
+    EXPECT_EQ(s.over_50k, 1);
+    EXPECT_EQ(s.worst, 60000.0);
+    EXPECT_EQ(s.worst_node, 104);
+    EXPECT_EQ(s.total, 90000.0);
+    // Rows at or above the threshold, signed, in node order; node 5 balances.
+    EXPECT_EQ(fixture::read_file(dir.file("n.csv")),
+              "node_id,sum_in,sum_out,imbalance\n102,40000.0,35000.0,5000.0\n"
+              "103,35000.0,10000.0,25000.0\n104,10000.0,70000.0,-60000.0\n");
+
+    // A file that cannot be opened changes nothing in the figures.
+    const ImbalanceStats again = measure_node_imbalance(c.net, dir.file("no/such/n.csv"), 5000.0);
+    EXPECT_EQ(again.over_5k, s.over_5k);
+    EXPECT_EQ(again.total, s.total);
+
+    // An empty network: zeros and a header only.
+    const ImbalanceStats none = measure_node_imbalance(Network{}, dir.file("e.csv"), 5000.0);
+    EXPECT_EQ(none.interior_nodes, 0);
+    EXPECT_EQ(none.worst, 0.0);
+    EXPECT_EQ(none.worst_node, 0);
+    EXPECT_EQ(fixture::read_file(dir.file("e.csv")), "node_id,sum_in,sum_out,imbalance\n");
+}
 
 #ifdef TORVEX_SYNTH_BIN
 

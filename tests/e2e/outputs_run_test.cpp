@@ -1,0 +1,248 @@
+// A whole run of the torvex binary on a generated region, checked through its result files: the
+// link layers, agent plans, route keys, scope summary, continuity, the agent database and the
+// node conservation report.
+#include <duckdb.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/test_files.h"
+
+namespace torvex {
+namespace {
+
+#ifdef TORVEX_SYNTH_BIN
+
+using Table = std::vector<std::vector<std::string>>;
+
+std::vector<std::string> split(const std::string& line) {
+    std::vector<std::string> out(1);
+    for (char c : line) {
+        if (c == ',')
+            out.emplace_back();
+        else
+            out.back() += c;
+    }
+    return out;
+}
+
+// Header line and the rows of a CSV file.
+struct Csv {
+    std::string header;
+    Table rows;
+    explicit Csv(const std::string& path) {
+        std::istringstream in(fixture::read_file(path));
+        std::getline(in, header);
+        for (std::string line; std::getline(in, line);) rows.push_back(split(line));
+    }
+    int col(const std::string& name) const {
+        const std::vector<std::string> names = split(header);
+        for (size_t i = 0; i < names.size(); ++i)
+            if (names[i] == name) return static_cast<int>(i);
+        return -1;
+    }
+};
+
+long long number_after(const std::string& text, const std::string& pattern) {
+    std::smatch m;
+    if (!std::regex_search(text, m, std::regex(pattern))) return -1;
+    return std::stoll(m[1]);
+}
+
+int64_t query_count(duckdb_connection con, const char* sql) {
+    duckdb_result r;
+    if (duckdb_query(con, sql, &r) == DuckDBError) {
+        duckdb_destroy_result(&r);
+        return -1;
+    }
+    const int64_t v = duckdb_value_int64(&r, 0, 0);
+    duckdb_destroy_result(&r);
+    return v;
+}
+
+struct GeneratedRun {
+    fixture::TempDir dir;
+    fixture::RunResult result;
+    long long rows_loaded = -1, keys = -1;
+
+    GeneratedRun() {
+        const fixture::RunResult g =
+            fixture::run_program(TORVEX_SYNTH_BIN, {"--scale", "tiny", "--seed", "7", "--trips",
+                                                    "4000", "--express-lane", "--out", dir.path});
+        EXPECT_EQ(g.exit_code, 0) << g.err;
+    }
+
+    void run(const std::vector<std::string>& extra) {
+        std::vector<std::string> args = {"--control", "run.ctl", "--out-dir",
+                                         "out",       "--iters", "3"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        result = fixture::run_program(TORVEX_BIN, args, dir.path);
+        rows_loaded = number_after(result.out, R"(\]\[trips\] \d+ rows read, (\d+) loaded)");
+        keys = number_after(result.out, R"(\); (\d+) route keys \(intra=)");
+    }
+    std::string out(const std::string& name) const { return dir.file("out/" + name); }
+};
+
+TEST(OutputsRun, EveryResultFileOfAGeneratedRegion) {
+    GeneratedRun g;
+    g.run({"--link-volume-breakdown", "market", "--meso-ftype", "11", "--node-conservation"});
+    ASSERT_EQ(g.result.exit_code, 0) << g.result.err;
+    ASSERT_GT(g.rows_loaded, 3000);
+    ASSERT_GT(g.keys, 100);
+    // Trucks load at pce 2, so the volumes are converted back to vehicles.
+    EXPECT_TRUE(std::regex_search(
+        g.result.out, std::regex(R"(\n\[units\] link volumes converted PCE -> vehicles \(x0\.\d{3})"
+                                 R"( overall\); queues rescaled with the same mix\n)")));
+
+    // Link layers: printf formats, the scope split, category columns adding up to the volume.
+    const std::regex row(R"(-?\d+,-?\d+,[^,]*,\d+,\d+,\d+,\d+\.\d\d,-?\d+\.\d{3},-?\d+\.\d\d,)"
+                         R"(-?\d+\.\d\d,-?\d+\.\d\d(,\d+\.\d\d)*)");
+    const Csv macro(g.out("link_performance_macroDTA.csv"));
+    const Csv meso(g.out("link_performance_mesoDTA.csv"));
+    const std::string base =
+        "a_node,b_node,county,ftype,hour,interval,volume,travel_time_min,speed_mph,queue_veh,"
+        "toll_rate";
+    ASSERT_EQ(macro.header.rfind(base + ",vol_", 0), 0u) << macro.header;
+    EXPECT_EQ(meso.header, macro.header);
+    const int first_cat = macro.col("toll_rate") + 1;
+    ASSERT_GE(static_cast<int>(split(macro.header).size()) - first_cat, 3);  // sov, hov2, truck...
+    ASSERT_GT(macro.rows.size(), 200u);
+    ASSERT_GT(meso.rows.size(), 10u);
+    std::map<std::string, double> out_of_zone;  // day's vehicles leaving each zone
+    for (const Csv* file : {&macro, &meso}) {
+        const bool is_meso = file == &meso;
+        for (const std::vector<std::string>& r : file->rows) {
+            std::string line;
+            for (size_t i = 0; i < r.size(); ++i) line += (i ? "," : "") + r[i];
+            ASSERT_TRUE(std::regex_match(line, row)) << line;
+            EXPECT_EQ(r[3] == "11", is_meso) << line;
+            const double volume = std::stod(r[6]);
+            EXPECT_EQ(std::stoi(r[4]), std::stoi(r[5]) / 4) << line;
+            double cats = 0;
+            for (size_t c = first_cat; c < r.size(); ++c) cats += std::stod(r[c]);
+            if (cats > 0) {
+                EXPECT_NEAR(cats, volume, 0.006 * (r.size() - first_cat)) << line;
+            }
+            if (r[3] == "51" && std::stoll(r[0]) < 10000) out_of_zone[r[0]] += volume;
+        }
+    }
+
+    // One plan per loaded trip and one row per route key; the scope summary counts every key.
+    const Csv plans(g.out("agentPlans_out.csv"));
+    EXPECT_EQ(plans.header,
+              "hh_id,person_id,tour_id,trip_id,origin,dest,hour,vot,weight,purpose,scope,cost_min,"
+              "gap_min,n_links");
+    EXPECT_EQ(static_cast<long long>(plans.rows.size()), g.rows_loaded);
+    const Csv keys(g.out("route_keys.csv"));
+    EXPECT_EQ(keys.header,
+              "origin,dest,slot,segment,time_coef,toll_coef,scope,weight,imped,best_imped,gap,"
+              "n_links,reachable");
+    ASSERT_EQ(static_cast<long long>(keys.rows.size()), g.keys);
+    std::map<std::string, double> departing;
+    double total_weight = 0;
+    for (const std::vector<std::string>& k : keys.rows) {
+        departing[k[0]] += std::stod(k[7]);
+        total_weight += std::stod(k[7]);
+        EXPECT_EQ(k[12], "1") << k[0] << "->" << k[1];
+        EXPECT_GT(std::stoi(k[11]), 0);
+    }
+    // The loader conserves vehicles: what leaves each zone over the day is its departing demand.
+    double loaded = 0;
+    for (const auto& [zone, weight] : departing) {
+        EXPECT_NEAR(out_of_zone[zone], weight, 0.02 * weight + 1.0) << "zone " << zone;
+        loaded += out_of_zone[zone];
+    }
+    EXPECT_NEAR(loaded, total_weight, 0.005 * total_weight);
+
+    const Csv scope(g.out("scope_summary.csv"));
+    ASSERT_FALSE(scope.rows.empty());
+    const std::vector<std::string>& all = scope.rows.back();
+    ASSERT_EQ(all[0], "ALL");
+    EXPECT_EQ(std::stoll(all[1]) + std::stoll(all[3]) + std::stoll(all[5]), g.keys);
+    EXPECT_NEAR(std::stod(all[2]) + std::stod(all[4]) + std::stod(all[6]), total_weight, 0.05);
+
+    EXPECT_EQ(Csv(g.out("path_breaks.csv")).rows.size(), 0u);
+    EXPECT_TRUE(std::regex_search(
+        g.result.out, std::regex(R"(\[continuity\] 0 of \d+ key-paths have a break \(0 total )"
+                                 R"(breaks\)\. Paths are continuous)")));
+    const Csv counts(g.out("count_validation.csv"));
+    EXPECT_EQ(counts.header,
+              "a_node,b_node,county,ftype,obs_24h,model_24h,direction,ratio,pct_err,geh_daily,"
+              "geh_hourly_avg");
+    EXPECT_FALSE(counts.rows.empty());
+
+    // The agent database: a row per loaded trip, each joined to exactly its key's path links.
+    {
+        duckdb_database db;
+        duckdb_connection con;
+        ASSERT_EQ(duckdb_open(g.out("agentPaths.duckdb").c_str(), &db), DuckDBSuccess);
+        ASSERT_EQ(duckdb_connect(db, &con), DuckDBSuccess);
+        EXPECT_EQ(query_count(con, "SELECT count(*) FROM agents"), g.rows_loaded);
+        EXPECT_EQ(query_count(con,
+                              "SELECT count(*) FROM agents a WHERE n_links <> (SELECT "
+                              "count(*) FROM key_paths k WHERE k.key_id = a.key_id)"),
+                  0);
+        EXPECT_EQ(query_count(con, "SELECT count(DISTINCT key_id) FROM key_paths"), g.keys);
+        duckdb_disconnect(&con);
+        duckdb_close(&db);
+    }
+
+    // Node conservation: the block, and the conserving load balancing every interior node.
+    EXPECT_NE(g.result.err.find("[node-dnl/cumulative] conservation: injected="),
+              std::string::npos);
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(
+        g.result.out, m,
+        std::regex(R"(\]\[node-conservation\] receiving=spatial\(LTM\) dt=60s, interior nodes=)"
+                   R"((\d+) \(\d+\.\ds\)\n   imbalance \|Sin-Sout\|        macro\(independent\))"
+                   R"(   node-model\n     nodes > 5k/day +\d+ +(\d+)\n     nodes > 20k/day +\d+)"
+                   R"( +\d+\n     nodes > 50k/day +\d+ +\d+\n     worst node imbalance +\d+ +\d+)"
+                   R"(\n     total \|imbalance\| \(veh\) +\d+ +(\d+)\n   -> node_conservation_)"
+                   R"(\{macro,nodemodel\}\.csv, link_performance_nodeDTA\.csv\n)")))
+        << g.result.out;
+    EXPECT_GT(std::stoi(m[1]), 100);
+    EXPECT_EQ(m[2], "0");
+    EXPECT_LE(std::stod(m[3]), 0.01 * total_weight);
+    for (const char* name : {"node_conservation_macro.csv", "node_conservation_nodemodel.csv"}) {
+        const Csv f(g.out(name));
+        EXPECT_EQ(f.header, "node_id,sum_in,sum_out,imbalance");
+        for (const std::vector<std::string>& r : f.rows) {
+            EXPECT_NEAR(std::stod(r[1]) - std::stod(r[2]), std::stod(r[3]), 0.11);
+            EXPECT_GE(std::fabs(std::stod(r[3])), 5000.0);
+        }
+    }
+    const Csv node_links(g.out("link_performance_nodeDTA.csv"));
+    EXPECT_EQ(node_links.header, macro.header);
+    EXPECT_GE(node_links.rows.size(), macro.rows.size() / 2);
+}
+
+TEST(OutputsRun, AgentSwitchesAndASecondRunReplacingTheDatabase) {
+    GeneratedRun g;
+    g.run({"--write-agents"});  // plans only
+    ASSERT_EQ(g.result.exit_code, 0) << g.result.err;
+    EXPECT_TRUE(fixture::file_exists(g.out("agentPlans_out.csv")));
+    EXPECT_FALSE(fixture::file_exists(g.out("agentPaths.duckdb")));
+    EXPECT_EQ(g.result.out.find("node-conservation"), std::string::npos);
+
+    for (int pass = 0; pass < 2; ++pass) {
+        g.run({"--write-agents-duckdb", "--iters", "1"});  // the database only, twice
+        ASSERT_EQ(g.result.exit_code, 0) << g.result.err;
+        duckdb_database db;
+        duckdb_connection con;
+        ASSERT_EQ(duckdb_open(g.out("agentPaths.duckdb").c_str(), &db), DuckDBSuccess);
+        ASSERT_EQ(duckdb_connect(db, &con), DuckDBSuccess);
+        EXPECT_EQ(query_count(con, "SELECT count(*) FROM agents"), g.rows_loaded);
+        duckdb_disconnect(&con);
+        duckdb_close(&db);
+    }
+}
+
+#endif
+
+}  // namespace
+}  // namespace torvex
