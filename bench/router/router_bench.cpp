@@ -52,7 +52,7 @@ struct TreeCounts {
 TreeCounts count_tree(const Network& net, const RouteScratch& s, int32_t origin) {
     TreeCounts c;
     for (int32_t u = 0; u < net.node_count(); ++u) {
-        if (s.label_stamp[u] != s.version) continue;
+        if (s.labels[u].stamp != s.version) continue;
         ++c.settled;
         if (u == origin || !net.nodes[u].is_centroid) c.relaxed += net.nodes[u].out_links.size();
     }
@@ -65,7 +65,7 @@ struct TreeRun {
 };
 
 // Runs every job on `threads` threads (dynamic, 16 a grab, as the routing pass does).
-TreeRun run_trees(const Network& net, const std::vector<TreeJob>& jobs,
+TreeRun run_trees(const Network& net, const RouterGraph& graph, const std::vector<TreeJob>& jobs,
                   const std::vector<int32_t>& targets, const RouteWeights& w, int threads,
                   bool count) {
     TreeRun r;
@@ -78,7 +78,7 @@ TreeRun run_trees(const Network& net, const std::vector<TreeJob>& jobs,
         TreeCounts mine;
 #pragma omp for schedule(dynamic, 16)
         for (int64_t j = 0; j < n; ++j) {
-            route_tree(net, jobs[j].origin, jobs[j].depart, {}, targets, s, w);
+            route_tree(net, graph, jobs[j].origin, jobs[j].depart, {}, targets, s, w);
             if (count) {
                 const TreeCounts c = count_tree(net, s, jobs[j].origin);
                 mine.settled += c.settled;
@@ -97,9 +97,11 @@ TreeRun run_trees(const Network& net, const std::vector<TreeJob>& jobs,
 
 void report_trees(const char* name, const Network& net, const std::vector<TreeJob>& jobs,
                   const std::vector<int32_t>& targets, const RouteWeights& w) {
-    const TreeRun counted = run_trees(net, jobs, targets, w, 1, true);
-    const TreeRun one = run_trees(net, jobs, targets, w, 1, false);
-    const TreeRun two = run_trees(net, jobs, targets, w, 2, false);
+    RouterGraph graph;
+    build_router_graph(net, graph);
+    const TreeRun counted = run_trees(net, graph, jobs, targets, w, 1, true);
+    const TreeRun one = run_trees(net, graph, jobs, targets, w, 1, false);
+    const TreeRun two = run_trees(net, graph, jobs, targets, w, 2, false);
     const double n = static_cast<double>(jobs.size());
     std::printf(
         "%-28s %7zu trees  1 thread: %9.1f trees/s  %6.2fM settled/s  %6.2fM relax/s"

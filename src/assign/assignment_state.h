@@ -23,7 +23,7 @@ struct RouteGroup {
 
 // New paths found by a pass and not yet merged into path_arena. Lives for one pass.
 struct PathOverlay {
-    std::vector<int8_t> owner;        // per key: thread holding its new path, -1 for none
+    std::vector<int8_t> owner;         // per key: thread holding its new path, -1 for none
     std::vector<uint64_t> new_offset;  // per key: start in that thread's arena
     std::vector<int32_t> new_len;      // per key
     std::vector<std::vector<int32_t>> thread_arena;  // one per thread, paths in the order found

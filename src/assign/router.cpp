@@ -44,19 +44,22 @@ inline HeapEntry heap_pop(std::vector<HeapEntry>& h) {
 }
 
 template <bool kPureTime>
-int32_t grow_tree(const Network& net, int32_t origin, std::span<const uint8_t> allowed,
-                  RouteScratch& s, const RouteWeights& w, int32_t target_count) {
+int32_t grow_tree(const Network& net, const RouterGraph& g, int32_t origin,
+                  std::span<const uint8_t> allowed, RouteScratch& s, const RouteWeights& w,
+                  int32_t target_count) {
     const uint32_t version = s.version;
     const bool masked = !allowed.empty();
     const bool filtered = w.exclude_lo != 0 || w.exclude_hi != 0;
     const bool bar = w.bar_no_trucks;
-    float* label_cost = s.label_cost.data();
-    float* label_time = s.label_time.data();
-    int32_t* pred_link = s.pred_link.data();
-    uint32_t* label_stamp = s.label_stamp.data();
+    RouteScratch::Label* labels = s.labels.data();
     const uint32_t* target_stamp = s.target_stamp.data();
     uint8_t* target_settled = s.target_settled.data();
-    const Node* nodes = net.nodes.data();
+    const int32_t* first_edge = g.first_edge.data();
+    const RouterEdge* edges = g.edges.data();
+    const RouterEdgeCost* edge_cost = g.edge_cost.data();
+    const uint8_t* centroid = g.centroid.data();
+    const float* tt_table = g.tt.data();
+    const size_t n_edges = g.edges.size();
     const Link* links = net.links.data();
     std::vector<HeapEntry>& heap = s.heap;
 
@@ -65,39 +68,39 @@ int32_t grow_tree(const Network& net, int32_t origin, std::span<const uint8_t> a
         const HeapEntry top = heap_pop(heap);
         const int32_t u = top.node;
         const float c = top.cost;
-        if (c > label_cost[u]) continue;  // stale entry of an improved label
+        if (c > labels[u].cost) continue;  // stale entry of an improved label
         if (target_stamp[u] == version && target_settled[u] == 0) {
             target_settled[u] = 1;
             if (++settled == target_count) break;
         }
-        const Node& node = nodes[u];
         // A centroid ends paths; only the origin's own connectors lead out of one.
-        if (u != origin && node.is_centroid) continue;
-        const int interval = interval_of(label_time[u]);
-        const float t_u = label_time[u];
-        for (const int32_t li : node.out_links) {
-            const Link& link = links[li];
-            if (masked && link.county != kNoCounty &&
-                (link.county >= allowed.size() || allowed[link.county] == 0)) {
+        if (u != origin && centroid[u]) continue;
+        const float t_u = labels[u].time;
+        const int interval = interval_of(t_u);
+        const float* tt_row = tt_table + static_cast<size_t>(interval) * n_edges;
+        for (int32_t e = first_edge[u]; e < first_edge[u + 1]; ++e) {
+            const RouterEdge& edge = edges[e];
+            if (masked && edge.county != kNoCounty &&
+                (edge.county >= allowed.size() || allowed[edge.county] == 0)) {
                 continue;
             }
-            if (bar && link.no_trucks) continue;
-            if (filtered && ftype_excluded(w.exclude_lo, w.exclude_hi, link.ftype)) continue;
-            const float tt = link.travel_time_min[interval];
+            if (bar && edge.no_trucks) continue;
+            if (filtered && ftype_excluded(w.exclude_lo, w.exclude_hi, edge.ftype)) continue;
+            const float tt = tt_row[e];
             float cost;
             if constexpr (kPureTime) {
                 cost = tt;
             } else {
-                cost = link_generalized_cost(evaluate_toll(net, link, interval), w.toll_w, w.dist_w,
-                                             link.length_mi, tt, w.time_w);
+                const RouterEdgeCost& ec = edge_cost[e];
+                const float toll =
+                    edge.priced ? evaluate_toll(net, links[edge.link], interval) : ec.toll;
+                cost = link_generalized_cost(toll, w.toll_w, w.dist_w, ec.length_mi, tt, w.time_w);
             }
             const float n = c + cost;
-            const int32_t v = link.to;
-            if (label_stamp[v] == version && !(label_cost[v] > n)) continue;
-            label_stamp[v] = version;
-            label_cost[v] = n;
-            label_time[v] = t_u + tt;
-            pred_link[v] = li;
+            const int32_t v = edge.to;
+            RouteScratch::Label& lv = labels[v];
+            if (lv.stamp == version && !(lv.cost > n)) continue;
+            lv = RouteScratch::Label{n, t_u + tt, edge.link, version};
             heap_push(heap, HeapEntry{n, v});
         }
     }
@@ -119,19 +122,16 @@ RouteWeights route_weights_for_segment(const TripTable& trips, int segment) {
 
 void init_route_scratch(RouteScratch& s, int32_t node_count) {
     const size_t n = static_cast<size_t>(std::max(node_count, 0));
-    s.label_cost.assign(n, 0.0f);
-    s.label_time.assign(n, 0.0f);
-    s.pred_link.assign(n, -1);
-    s.label_stamp.assign(n, 0u);
+    s.labels.assign(n, RouteScratch::Label{0.0f, 0.0f, -1, 0u});
     s.target_stamp.assign(n, 0u);
     s.target_settled.assign(n, 0);
     s.version = 0;
 }
 
-int32_t route_tree(const Network& net, int32_t origin, float depart_min,
+int32_t route_tree(const Network& net, const RouterGraph& graph, int32_t origin, float depart_min,
                    std::span<const uint8_t> allowed_counties, std::span<const int32_t> targets,
                    RouteScratch& s, const RouteWeights& weights) {
-    if (s.label_cost.empty()) init_route_scratch(s, net.node_count());
+    if (s.labels.empty()) init_route_scratch(s, net.node_count());
     const uint32_t version = ++s.version;
 
     int32_t target_count = 0;
@@ -142,28 +142,25 @@ int32_t route_tree(const Network& net, int32_t origin, float depart_min,
         ++target_count;
     }
 
-    s.label_cost[origin] = 0.0f;
-    s.label_time[origin] = depart_min;
-    s.pred_link[origin] = -1;
-    s.label_stamp[origin] = version;
+    s.labels[origin] = RouteScratch::Label{0.0f, depart_min, -1, version};
     s.heap.clear();
     s.heap.push_back(HeapEntry{0.0f, origin});
 
     if (is_pure_time(weights.time_w, weights.dist_w, weights.toll_w)) {
-        return grow_tree<true>(net, origin, allowed_counties, s, weights, target_count);
+        return grow_tree<true>(net, graph, origin, allowed_counties, s, weights, target_count);
     }
-    return grow_tree<false>(net, origin, allowed_counties, s, weights, target_count);
+    return grow_tree<false>(net, graph, origin, allowed_counties, s, weights, target_count);
 }
 
 bool rebuild_path(const Network& net, const RouteScratch& s, int32_t origin, int32_t target,
                   std::vector<int32_t>& out) {
     out.clear();
-    if (s.label_stamp[target] != s.version) return false;
+    if (s.labels[target].stamp != s.version) return false;
     if (target == origin) return true;
     const size_t max_steps = net.nodes.size();
     int32_t node = target;
     while (node != origin) {
-        const int32_t li = s.pred_link[node];
+        const int32_t li = s.labels[node].pred_link;
         if (li < 0 || out.size() >= max_steps) {
             out.clear();
             return false;
@@ -200,12 +197,13 @@ void route_key_set(RouteJob& job, std::span<const int32_t> key_ids,
     for (const int32_t k : key_ids) s.targets.push_back(keys[k].dest);
 
     const int32_t origin = job.group->origin;
-    route_tree(*job.network, origin, job.depart_min, allowed_counties, s.targets, s, job.weights);
+    route_tree(*job.network, *job.graph, origin, job.depart_min, allowed_counties, s.targets, s,
+               job.weights);
 
     for (const int32_t k : key_ids) {
         RouteKey& key = keys[k];
         const int32_t d = key.dest;
-        const bool reached = s.label_stamp[d] == s.version && s.target_stamp[d] == s.version &&
+        const bool reached = s.labels[d].stamp == s.version && s.target_stamp[d] == s.version &&
                              s.target_settled[d] != 0;
         if (!reached) {
             if (last_stage) {
@@ -216,7 +214,7 @@ void route_key_set(RouteJob& job, std::span<const int32_t> key_ids,
             }
             continue;
         }
-        key.best_imped = s.label_cost[d];
+        key.best_imped = s.labels[d].cost;
         const bool has_path = key.path_offset >= 0 && key.n_links >= 1;
         key.gap = has_path ? std::max(0.0f, key.imped - key.best_imped) : 0.0f;
         if (!job.force && has_path && !(key.gap > job.reroute_threshold_min)) continue;

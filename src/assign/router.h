@@ -19,13 +19,51 @@ struct HeapEntry {
     int32_t node = 0;
 };
 
+// The router's own compact copy of the graph, next to the Link records it mirrors: out-links of
+// each node side by side in link order, and the travel times interval-major, so that relaxing a
+// node's links reads a few neighbouring bytes instead of one large Link record per link. Built at
+// the start of a routing pass; the times are copied again whenever the link times may have moved.
+struct RouterEdge {
+    int32_t to = 0;
+    int32_t link = 0;
+    uint16_t county = 0;
+    uint16_t ftype = 0;
+    uint8_t no_trucks = 0;
+    uint8_t priced = 0;  // a toll policy: the toll is evaluated per interval
+};
+
+// What a generalized cost adds to the time, apart so that pure-time trees never read it.
+struct RouterEdgeCost {
+    float length_mi = 0;
+    float toll = 0;  // the flat toll when not priced
+};
+
+struct RouterGraph {
+    std::vector<int32_t> first_edge;  // node -> its first edge; node count + 1 entries
+    std::vector<RouterEdge> edges;
+    std::vector<RouterEdgeCost> edge_cost;
+    std::vector<uint8_t> centroid;
+    std::vector<float> tt;  // interval * edges + edge: travel_time_min of the edge's link
+
+    int64_t edge_count() const { return static_cast<int64_t>(edges.size()); }
+};
+
+// The whole view, times included.
+void build_router_graph(const Network& net, RouterGraph& graph);
+// Copies every link's travel times into the view again.
+void refresh_router_times(const Network& net, RouterGraph& graph);
+
 // One routing thread's working memory, never shared. The node arrays are never cleared: a stamp
 // that differs from `version` means "not in this tree".
 struct RouteScratch {
-    std::vector<float> label_cost;
-    std::vector<float> label_time;
-    std::vector<int32_t> pred_link;
-    std::vector<uint32_t> label_stamp;
+    // A node's label in one record: a relaxation reads and writes one cache line.
+    struct Label {
+        float cost;
+        float time;
+        int32_t pred_link;
+        uint32_t stamp;
+    };
+    std::vector<Label> labels;
     std::vector<uint32_t> target_stamp;
     std::vector<uint8_t> target_settled;
     uint32_t version = 0;
@@ -48,12 +86,12 @@ struct RouteWeights {
 
 RouteWeights route_weights_for_segment(const TripTable& trips, int segment);
 
-// Sizes the six node arrays to the node count, version 0.
+// Sizes the three node arrays to the node count, version 0.
 void init_route_scratch(RouteScratch& scratch, int32_t node_count);
 
 // Builds the tree from `origin` leaving at `depart_min` until every distinct target is settled
 // or the heap runs dry. An empty county mask allows every link. Returns the targets settled.
-int32_t route_tree(const Network& net, int32_t origin, float depart_min,
+int32_t route_tree(const Network& net, const RouterGraph& graph, int32_t origin, float depart_min,
                    std::span<const uint8_t> allowed_counties, std::span<const int32_t> targets,
                    RouteScratch& scratch, const RouteWeights& weights);
 
@@ -69,6 +107,7 @@ float path_cost(const Network& net, const int32_t* links, int32_t n, float depar
 // What one thread needs to route the keys of one group.
 struct RouteJob {
     const Network* network = nullptr;
+    const RouterGraph* graph = nullptr;
     TripTable* trips = nullptr;
     const RouteGroup* group = nullptr;
     RouteScratch* scratch = nullptr;

@@ -92,8 +92,8 @@ void route_group(const AssignmentState& st, RouteJob& job, StageLists& lists) {
 }
 
 // Parallel loop over the groups of chunk c; returns the keys that failed the widest stage.
-int64_t route_chunk(AssignmentState& st, int64_t c, int64_t chunks, bool force,
-                    PathOverlay& overlay, int threads) {
+int64_t route_chunk(AssignmentState& st, const RouterGraph& graph, int64_t c, int64_t chunks,
+                    bool force, PathOverlay& overlay, int threads) {
     const int64_t n_groups = chunk_group_count(static_cast<int64_t>(st.groups.size()), chunks, c);
     const float threshold = st.config.assignment.reroute_threshold_min;
     int64_t unreachable = 0;
@@ -105,6 +105,7 @@ int64_t route_chunk(AssignmentState& st, int64_t c, int64_t chunks, bool force,
         int64_t my_unreachable = 0;
         RouteJob job;
         job.network = st.network;
+        job.graph = &graph;
         job.trips = st.trips;
         job.scratch = &scratch;
         job.reroute_threshold_min = threshold;
@@ -143,14 +144,15 @@ void filter_adoptions(AssignmentState& st, int64_t c, int64_t chunks, float rero
     }
 }
 
-// Feeds the paths found so far back into the link travel times, when this chunk is due.
-void refresh_after_chunk(AssignmentState& st, int64_t c, int64_t chunks, float step,
+// Feeds the paths found so far back into the link travel times, when this chunk is due; true when
+// it did.
+bool refresh_after_chunk(AssignmentState& st, int64_t c, int64_t chunks, float step,
                          PathOverlay& overlay, bool& loaded_once, std::vector<int32_t>& delta) {
-    if (st.frozen) return;
+    if (st.frozen) return false;
     const bool last_chunk = c == chunks - 1;
     if (st.node_mode == 0) {
         const bool due = (st.load_every > 0 && (c + 1) % st.load_every == 0) || last_chunk;
-        if (!due) return;
+        if (!due) return false;
         if (!st.incremental_load || !loaded_once) {
             load_paths_full(st.load, *st.trips, st.path_arena, st.volume_table, &overlay);
             loaded_once = true;
@@ -168,12 +170,13 @@ void refresh_after_chunk(AssignmentState& st, int64_t c, int64_t chunks, float s
         }
         blend_inflow(st.load, st.volume_table, step, 1.0f);
         update_link_times(st.load);
-        return;
+        return true;
     }
     const bool due = st.node_every > 0 && ((c + 1) % st.node_every == 0 || last_chunk);
-    if (!due) return;
+    if (!due) return false;
     // The conserving node loader takes over the link arrays, paths of this pass included.
     run_node_dnl(*st.network, *st.trips, st.path_arena, node_load_params(st, step), &overlay);
+    return true;
 }
 
 // Moves every key's current path into one compact arena in key order.
@@ -231,14 +234,17 @@ void routing_pass(AssignmentState& st, bool force, float reroute_frac, float ste
              static_cast<double>(n_keys) / 1e6, static_cast<int>(n_groups),
              static_cast<int>(chunks), threads);
 
+    RouterGraph graph;
+    build_router_graph(*st.network, graph);
     int64_t unreachable = 0;
     int64_t routed = 0;
     bool loaded_once = false;
     std::vector<int32_t> delta;
     for (int64_t c = 0; c < chunks; ++c) {
-        unreachable += route_chunk(st, c, chunks, force, overlay, threads);
+        unreachable += route_chunk(st, graph, c, chunks, force, overlay, threads);
         if (!force) filter_adoptions(st, c, chunks, reroute_frac, record.iter, overlay);
-        refresh_after_chunk(st, c, chunks, step, overlay, loaded_once, delta);
+        if (refresh_after_chunk(st, c, chunks, step, overlay, loaded_once, delta) && c + 1 < chunks)
+            refresh_router_times(*st.network, graph);
 
         const int64_t cg = chunk_group_count(n_groups, chunks, c);
         for (int64_t j = 0; j < cg; ++j) {

@@ -116,18 +116,19 @@ TEST(RouterTree, MatchesLabelCorrectingReferenceOnRandomGraphs) {
         const float depart = std::uniform_real_distribution<float>(0.0f, 1790.0f)(rng);
         const std::vector<int32_t> targets = all_nodes(net);
         s = RouteScratch{};  // a fresh network needs fresh node arrays
-        const int32_t settled = route_tree(net, 0, depart, mask, targets, s, w);
+        const int32_t settled =
+            route_tree(net, fixture::graph_of(net), 0, depart, mask, targets, s, w);
         const Reference ref = reference_tree(net, 0, depart, mask, w);
         int32_t reached = 0;
         for (int v = 0; v < net.node_count(); ++v) {
-            const bool labelled = s.label_stamp[v] == s.version;
+            const bool labelled = s.labels[v].stamp == s.version;
             ASSERT_EQ(labelled, ref.labelled[v] != 0) << "trial " << trial << " node " << v;
             if (!labelled) continue;
             ++reached;
             EXPECT_EQ(s.target_settled[v], 1);
-            EXPECT_EQ(s.label_cost[v], ref.cost[v]) << "trial " << trial << " node " << v;
-            EXPECT_EQ(s.label_time[v], ref.time[v]);
-            EXPECT_EQ(s.pred_link[v], ref.pred[v]);
+            EXPECT_EQ(s.labels[v].cost, ref.cost[v]) << "trial " << trial << " node " << v;
+            EXPECT_EQ(s.labels[v].time, ref.time[v]);
+            EXPECT_EQ(s.labels[v].pred_link, ref.pred[v]);
         }
         EXPECT_EQ(settled, reached);
         EXPECT_GT(reached, 1);
@@ -138,30 +139,30 @@ TEST(RouterTree, MatchesLabelCorrectingReferenceOnRandomGraphs) {
 // but the origin's is explained exactly by its predecessor link.
 void certify_tree(const Network& net, const RouteScratch& s, int origin, float depart,
                   const std::vector<uint8_t>& mask, const RouteWeights& w) {
-    ASSERT_EQ(s.label_stamp[origin], s.version);
-    EXPECT_EQ(s.label_cost[origin], 0.0f);
-    EXPECT_EQ(s.label_time[origin], depart);
+    ASSERT_EQ(s.labels[origin].stamp, s.version);
+    EXPECT_EQ(s.labels[origin].cost, 0.0f);
+    EXPECT_EQ(s.labels[origin].time, depart);
     for (int u = 0; u < net.node_count(); ++u) {
-        if (s.label_stamp[u] != s.version) continue;
+        if (s.labels[u].stamp != s.version) continue;
         if (u != origin) {
-            const int32_t li = s.pred_link[u];
+            const int32_t li = s.labels[u].pred_link;
             ASSERT_GE(li, 0);
             const Link& l = net.links[li];
             ASSERT_EQ(l.to, u);
-            ASSERT_EQ(s.label_stamp[l.from], s.version);
+            ASSERT_EQ(s.labels[l.from].stamp, s.version);
             EXPECT_TRUE(l.from == origin || !net.nodes[l.from].is_centroid);
             EXPECT_TRUE(link_allowed(l, mask, w));
-            const int i = interval_of(s.label_time[l.from]);
-            EXPECT_EQ(s.label_cost[l.from] + link_cost(net, l, i, w), s.label_cost[u]);
-            EXPECT_EQ(s.label_time[l.from] + l.travel_time_min[i], s.label_time[u]);
+            const int i = interval_of(s.labels[l.from].time);
+            EXPECT_EQ(s.labels[l.from].cost + link_cost(net, l, i, w), s.labels[u].cost);
+            EXPECT_EQ(s.labels[l.from].time + l.travel_time_min[i], s.labels[u].time);
         }
         if (u != origin && net.nodes[u].is_centroid) continue;
-        const int i = interval_of(s.label_time[u]);
+        const int i = interval_of(s.labels[u].time);
         for (int32_t li : net.nodes[u].out_links) {
             const Link& l = net.links[li];
             if (!link_allowed(l, mask, w)) continue;
-            ASSERT_EQ(s.label_stamp[l.to], s.version) << "expanded link left its head unlabelled";
-            EXPECT_GE(s.label_cost[u] + link_cost(net, l, i, w), s.label_cost[l.to]);
+            ASSERT_EQ(s.labels[l.to].stamp, s.version) << "expanded link left its head unlabelled";
+            EXPECT_GE(s.labels[u].cost + link_cost(net, l, i, w), s.labels[l.to].cost);
         }
     }
 }
@@ -175,10 +176,14 @@ TEST(RouterTree, CertifiedShortestAndEarlyStopAgreesWithFullTree) {
         if (trial == 4) mask = {1, 1, 0, 1, 0, 1};
         RouteScratch s;
         const float depart = 400.0f + 211.0f * trial;
-        route_tree(net, 0, depart, mask, all_nodes(net), s, w);
+        route_tree(net, fixture::graph_of(net), 0, depart, mask, all_nodes(net), s, w);
         certify_tree(net, s, 0, depart, mask, w);
-        const std::vector<float> full_cost = s.label_cost;
-        const std::vector<uint32_t> full_stamp = s.label_stamp;
+        std::vector<float> full_cost;
+        std::vector<uint32_t> full_stamp;
+        for (const RouteScratch::Label& l : s.labels) {
+            full_cost.push_back(l.cost);
+            full_stamp.push_back(l.stamp);
+        }
         const uint32_t full_version = s.version;
 
         // Early stop on a few targets, on the same scratch: stale stamps must not leak through.
@@ -190,15 +195,16 @@ TEST(RouterTree, CertifiedShortestAndEarlyStopAgreesWithFullTree) {
         std::sort(uniq.begin(), uniq.end());
         uniq.erase(std::unique(uniq.begin(), uniq.end()), uniq.end());
         for (int32_t t : uniq) expect_settled += full_stamp[t] == full_version;
-        EXPECT_EQ(route_tree(net, 0, depart, mask, targets, s, w), expect_settled);
+        EXPECT_EQ(route_tree(net, fixture::graph_of(net), 0, depart, mask, targets, s, w),
+                  expect_settled);
         std::vector<int32_t> path;
         for (int32_t t : uniq) {
             if (full_stamp[t] != full_version) {
-                EXPECT_FALSE(s.label_stamp[t] == s.version && s.target_settled[t]);
+                EXPECT_FALSE(s.labels[t].stamp == s.version && s.target_settled[t]);
                 continue;
             }
             ASSERT_TRUE(s.target_settled[t]);
-            EXPECT_EQ(s.label_cost[t], full_cost[t]);
+            EXPECT_EQ(s.labels[t].cost, full_cost[t]);
             ASSERT_TRUE(rebuild_path(net, s, 0, t, path));
             // The path read out of the tree costs exactly the label when priced link by link
             // with the same weights, and runs origin to target without gaps.
@@ -228,27 +234,27 @@ TEST(RouterTree, TargetsOriginDuplicatesAndCentroids) {
     RouteWeights w;
 
     // No targets: nothing popped, nothing beyond the origin labelled.
-    EXPECT_EQ(route_tree(net, 0, 480.0f, {}, {}, s, w), 0);
+    EXPECT_EQ(route_tree(net, fixture::graph_of(net), 0, 480.0f, {}, {}, s, w), 0);
     EXPECT_EQ(s.version, 1u);
-    EXPECT_NE(s.label_stamp[1], s.version);
+    EXPECT_NE(s.labels[1].stamp, s.version);
     ASSERT_EQ(s.heap.size(), 1u);
 
     // Origin as target: settled at the first pop, empty path.
     std::vector<int32_t> t0 = {0};
-    EXPECT_EQ(route_tree(net, 0, 480.0f, {}, t0, s, w), 1);
-    EXPECT_NE(s.label_stamp[1], s.version) << "the tree must stop before expanding the origin";
+    EXPECT_EQ(route_tree(net, fixture::graph_of(net), 0, 480.0f, {}, t0, s, w), 1);
+    EXPECT_NE(s.labels[1].stamp, s.version) << "the tree must stop before expanding the origin";
     std::vector<int32_t> path = {99};
     EXPECT_TRUE(rebuild_path(net, s, 0, 0, path));
     EXPECT_TRUE(path.empty());
 
     // Duplicates count once; centroid 2 is reached but not passed through.
     std::vector<int32_t> t1 = {2, 2, 4, 2};
-    EXPECT_EQ(route_tree(net, 0, 480.0f, {}, t1, s, w), 2);
-    EXPECT_EQ(s.label_cost[2], 5.0f);
-    EXPECT_EQ(s.label_cost[4], 6.0f);
+    EXPECT_EQ(route_tree(net, fixture::graph_of(net), 0, 480.0f, {}, t1, s, w), 2);
+    EXPECT_EQ(s.labels[2].cost, 5.0f);
+    EXPECT_EQ(s.labels[4].cost, 6.0f);
     std::vector<int32_t> t2 = {3};
-    EXPECT_EQ(route_tree(net, 0, 480.0f, {}, t2, s, w), 0);
-    EXPECT_NE(s.label_stamp[3], s.version);
+    EXPECT_EQ(route_tree(net, fixture::graph_of(net), 0, 480.0f, {}, t2, s, w), 0);
+    EXPECT_NE(s.labels[3].stamp, s.version);
     EXPECT_FALSE(rebuild_path(net, s, 0, 3, path));
     EXPECT_TRUE(path.empty());
     // The scratch was never cleared: every tree ran under its own version.
@@ -256,12 +262,12 @@ TEST(RouterTree, TargetsOriginDuplicatesAndCentroids) {
 
     // A broken predecessor chain is refused, not followed.
     std::vector<int32_t> t3 = {2};
-    route_tree(net, 0, 480.0f, {}, t3, s, w);
-    s.pred_link[1] = -1;
+    route_tree(net, fixture::graph_of(net), 0, 480.0f, {}, t3, s, w);
+    s.labels[1].pred_link = -1;
     path = {7};
     EXPECT_FALSE(rebuild_path(net, s, 0, 2, path));
     EXPECT_TRUE(path.empty());
-    s.pred_link[1] = 1;  // a cycle 1 <- 1 must end by the step bound
+    s.labels[1].pred_link = 1;  // a cycle 1 <- 1 must end by the step bound
     net.links[1].from = 1;
     EXPECT_FALSE(rebuild_path(net, s, 0, 2, path));
 }
@@ -283,45 +289,45 @@ TEST(RouterTree, LateDepartureMasksBarsAndExclusions) {
     for (Link& l : net.links)
         l.travel_time_min[119] = 10.0f + static_cast<float>(&l - &net.links[0]);
     net.links[0].travel_time_min[119] = 50.0f;
-    ASSERT_EQ(route_tree(net, 0, 1790.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.label_cost[3], 12.0f + 13.0f);
-    EXPECT_EQ(s.label_time[3], 1790.0f + 25.0f);
+    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 1790.0f, {}, target, s, w), 1);
+    EXPECT_EQ(s.labels[3].cost, 12.0f + 13.0f);
+    EXPECT_EQ(s.labels[3].time, 1790.0f + 25.0f);
     ASSERT_TRUE(rebuild_path(net, s, 0, 3, path));
     EXPECT_EQ(path, (std::vector<int32_t>{2, 3}));
-    ASSERT_EQ(route_tree(net, 0, 2500.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.label_cost[3], 25.0f);
+    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 2500.0f, {}, target, s, w), 1);
+    EXPECT_EQ(s.labels[3].cost, 25.0f);
     for (Link& l : net.links) l.travel_time_min[119] = l.travel_time_min[0];
 
     // Mask without county 1 cuts the short route; links without a county pass any mask.
     std::vector<uint8_t> mask = {1, 0, 0};
-    ASSERT_EQ(route_tree(net, 0, 60.0f, mask, target, s, w), 1);
-    EXPECT_EQ(s.label_cost[3], 4.0f);
+    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 60.0f, mask, target, s, w), 1);
+    EXPECT_EQ(s.labels[3].cost, 4.0f);
     mask = {0, 0, 0};
-    ASSERT_EQ(route_tree(net, 0, 60.0f, mask, target, s, w), 1);
-    EXPECT_EQ(s.label_cost[3], 4.0f);
-    ASSERT_EQ(route_tree(net, 0, 60.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.label_cost[3], 2.0f);
+    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 60.0f, mask, target, s, w), 1);
+    EXPECT_EQ(s.labels[3].cost, 4.0f);
+    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 60.0f, {}, target, s, w), 1);
+    EXPECT_EQ(s.labels[3].cost, 2.0f);
 
     // Truck bar.
     net.links[1].no_trucks = 1;
-    ASSERT_EQ(route_tree(net, 0, 60.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.label_cost[3], 2.0f);
+    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 60.0f, {}, target, s, w), 1);
+    EXPECT_EQ(s.labels[3].cost, 2.0f);
     w.bar_no_trucks = true;
-    ASSERT_EQ(route_tree(net, 0, 60.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.label_cost[3], 4.0f);
+    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 60.0f, {}, target, s, w), 1);
+    EXPECT_EQ(s.labels[3].cost, 4.0f);
     w.bar_no_trucks = false;
 
     // A full exclusion set bars every FTYPE below 128, but FTYPE 200 cannot be excluded.
     w.exclude_lo = w.exclude_hi = ~uint64_t{0};
-    EXPECT_EQ(route_tree(net, 0, 60.0f, {}, target, s, w), 0);
+    EXPECT_EQ(route_tree(net, fixture::graph_of(net), 0, 60.0f, {}, target, s, w), 0);
     net.links[2].ftype = net.links[3].ftype = 200;
-    ASSERT_EQ(route_tree(net, 0, 60.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.label_cost[3], 4.0f);
+    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 60.0f, {}, target, s, w), 1);
+    EXPECT_EQ(s.labels[3].cost, 4.0f);
     net.links[0].ftype = 127;
     w.exclude_lo = 0;
     w.exclude_hi = uint64_t{1} << 63;  // FTYPE 127 only
-    ASSERT_EQ(route_tree(net, 0, 60.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.label_cost[3], 4.0f);
+    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 60.0f, {}, target, s, w), 1);
+    EXPECT_EQ(s.labels[3].cost, 4.0f);
 }
 
 TEST(RouterTree, AxleTollWeightsAndPureTimeSkipsTolls) {
@@ -357,10 +363,10 @@ TEST(RouterTree, AxleTollWeightsAndPureTimeSkipsTolls) {
     RouteWeights a1 = w1, a3 = w3;
     a3.dist_w = 0;
     a3.exclude_lo = 0;
-    ASSERT_EQ(route_tree(net, 0, 0.0f, {}, target, s, a1), 1);
-    EXPECT_EQ(s.label_cost[2], 5.0f);  // 4 * 0.5 + 3: cheaper than the 6-minute detour
-    ASSERT_EQ(route_tree(net, 0, 0.0f, {}, target, s, a3), 1);
-    EXPECT_EQ(s.label_cost[2], 6.0f);  // double toll 4 * 1 + 3 = 7: the detour wins
+    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 0.0f, {}, target, s, a1), 1);
+    EXPECT_EQ(s.labels[2].cost, 5.0f);  // 4 * 0.5 + 3: cheaper than the 6-minute detour
+    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 0.0f, {}, target, s, a3), 1);
+    EXPECT_EQ(s.labels[2].cost, 6.0f);  // double toll 4 * 1 + 3 = 7: the detour wins
     ASSERT_TRUE(rebuild_path(net, s, 0, 2, path));
     EXPECT_EQ(path, (std::vector<int32_t>{1, 2}));
     EXPECT_EQ(path_cost(net, path.data(), 2, 0.0f, 1.0f, 0.0f, 1.0f), 6.0f);
@@ -372,13 +378,13 @@ TEST(RouterTree, AxleTollWeightsAndPureTimeSkipsTolls) {
     // while path_cost always prices the toll.
     net.links[0].toll = std::numeric_limits<float>::infinity();
     RouteWeights pure;
-    ASSERT_EQ(route_tree(net, 0, 0.0f, {}, target, s, pure), 1);
-    EXPECT_EQ(s.label_cost[2], 3.0f);
+    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 0.0f, {}, target, s, pure), 1);
+    EXPECT_EQ(s.labels[2].cost, 3.0f);
     EXPECT_TRUE(std::isnan(path_cost(net, &direct, 1, 0.0f, 1.0f, 0.0f, 0.0f)));
     RouteWeights almost = pure;
     almost.time_w = 1.0001f;  // not pure: the toll is evaluated, and inf * 0 spoils the label
-    route_tree(net, 0, 0.0f, {}, target, s, almost);
-    EXPECT_TRUE(std::isnan(s.label_cost[2]));
+    route_tree(net, fixture::graph_of(net), 0, 0.0f, {}, target, s, almost);
+    EXPECT_TRUE(std::isnan(s.labels[2].cost));
 }
 
 TEST(RouterTree, TiesKeepFirstLabelAndPopLowerNodeFirst) {
@@ -393,8 +399,8 @@ TEST(RouterTree, TiesKeepFirstLabelAndPopLowerNodeFirst) {
     RouteScratch s;
     RouteWeights w;
     std::vector<int32_t> target = {3};
-    ASSERT_EQ(route_tree(net, 0, 0.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.pred_link[3], 3);
+    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 0.0f, {}, target, s, w), 1);
+    EXPECT_EQ(s.labels[3].pred_link, 3);
 
     // A direct link of equal total cost, relaxed first from the origin, is the first label at
     // node 3 and stays there.
@@ -405,8 +411,8 @@ TEST(RouterTree, TiesKeepFirstLabelAndPopLowerNodeFirst) {
     add_link(net, 1, 3, 1.0f);  // link 3
     add_link(net, 2, 3, 1.0f);  // link 4
     build_adjacency(net);
-    ASSERT_EQ(route_tree(net, 0, 0.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.pred_link[3], 2);
+    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 0.0f, {}, target, s, w), 1);
+    EXPECT_EQ(s.labels[3].pred_link, 2);
 }
 
 }  // namespace

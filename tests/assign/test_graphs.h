@@ -5,9 +5,17 @@
 #include <random>
 #include <string>
 
+#include "assign/router.h"
 #include "input/network.h"
 
 namespace torvex::fixture {
+
+// The router's view of a network as it stands.
+inline RouterGraph graph_of(const Network& net) {
+    RouterGraph g;
+    build_router_graph(net, g);
+    return g;
+}
 
 inline Network make_nodes(int n, int counties = 0) {
     Network net;
