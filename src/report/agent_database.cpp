@@ -98,11 +98,23 @@ void append_agents(duckdb_appender app, const TripTable& trips, const Network& n
     const std::vector<int64_t> node_ids = compact_node_ids(network);
     const int64_t n_keys = static_cast<int64_t>(trips.route_keys.size());
     const size_t n_trips = trips.trips.size();
-    constexpr size_t kAhead = 16;  // trips reach their keys in any order
+    // Trips reach their keys in any order, and keys their nodes: the key of a trip far ahead is
+    // asked for first, the node ids of a nearer one once its key has arrived.
+    constexpr size_t kAhead = 16, kNodesAhead = 8;
     for (size_t i = 0; i < n_trips; ++i) {
         if (i + kAhead < n_trips) {
             const int32_t ahead = trips.trips[i + kAhead].route_key;
             if (ahead >= 0 && ahead < n_keys) __builtin_prefetch(&trips.route_keys[ahead]);
+        }
+        if (i + kNodesAhead < n_trips) {
+            const int32_t ahead = trips.trips[i + kNodesAhead].route_key;
+            if (ahead >= 0 && ahead < n_keys) {
+                const RouteKey& k = trips.route_keys[ahead];
+                if (k.origin >= 0 && static_cast<size_t>(k.origin) < node_ids.size())
+                    __builtin_prefetch(&node_ids[k.origin]);
+                if (k.dest >= 0 && static_cast<size_t>(k.dest) < node_ids.size())
+                    __builtin_prefetch(&node_ids[k.dest]);
+            }
         }
         const Trip& t = trips.trips[i];
         const bool has_key = t.route_key >= 0 && t.route_key < n_keys;
@@ -148,6 +160,12 @@ void append_key_paths(duckdb_appender app, const TripTable& trips,
         if (k.path_offset + n > arena) n = arena - k.path_offset;
         const int32_t* path = paths.data() + k.path_offset;
         for (int32_t seq = 0; seq < n; ++seq) {
+            // Links of a path lie anywhere in the table of ends.
+            if (seq + 8 < n) {
+                const int32_t ahead = path[seq + 8];
+                if (ahead >= 0 && ahead < network.link_count())
+                    __builtin_prefetch(&ends[2 * static_cast<size_t>(ahead)]);
+            }
             const int32_t l = path[seq];
             const bool valid = l >= 0 && l < network.link_count();
             duckdb_append_int32(app, key);
