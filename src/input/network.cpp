@@ -168,10 +168,11 @@ void load_links(Network& net, const std::string& path) {
     if (skipped > 0)
         std::fprintf(stderr, "[network] warning: %zu links skipped (endpoint not in NODE.csv)\n",
                      skipped);
-    if (meso_tagged > 0)
+    // One condition for both lines: a run that tags either kind reports both counts.
+    if (meso_tagged > 0 || micro_tagged > 0) {
         std::printf("[network] %lld links tagged MESO via dta_meso column\n", meso_tagged);
-    if (micro_tagged > 0)
         std::printf("[network] %lld links tagged MICRO via dta_micro column\n", micro_tagged);
+    }
 }
 
 void mark_centroids(Network& net) {

@@ -12,11 +12,14 @@ namespace torvex {
 
 namespace {
 
-// Day's volume over a node's links, in interval order.
+// Day's volume over a node's links: each link's intervals summed in order, then the links.
 double day_volume(const Network& network, const std::vector<int32_t>& links) {
     double sum = 0.0;
-    for (const int32_t l : links)
-        for (int v = 0; v < kIntervals; ++v) sum += network.links[l].volume[v];
+    for (const int32_t l : links) {
+        double day = 0.0;
+        for (int v = 0; v < kIntervals; ++v) day += network.links[l].volume[v];
+        sum += day;
+    }
     return sum;
 }
 

@@ -28,10 +28,13 @@ void write_agent_plans(const std::string& path, const TripTable& trips,
              "hh_id,person_id,tour_id,trip_id,origin,dest,hour,vot,weight,purpose,scope,cost_min,"
              "gap_min,n_links\n");
     const size_t room = 14 * (kNumberRoom + 1) + longest(trips.purpose_names);
+    // Every loaded trip belongs to a key; should one not, its row still stands, with an empty
+    // key's figures and node id 0.
+    static const RouteKey kNoKey{};
+    const int64_t n_keys = static_cast<int64_t>(trips.route_keys.size());
     for (const Trip& t : trips.trips) {
-        // Every loaded trip belongs to a key; a row without one would have nothing to report.
-        if (t.route_key < 0) continue;
-        const RouteKey& k = trips.route_keys[t.route_key];
+        const bool has_key = t.route_key >= 0 && t.route_key < n_keys;
+        const RouteKey& k = has_key ? trips.route_keys[t.route_key] : kNoKey;
         char* p = csv_room(out, room);
         p = put_i64(p, t.hh_id);
         *p++ = ',';
@@ -41,9 +44,9 @@ void write_agent_plans(const std::string& path, const TripTable& trips,
         *p++ = ',';
         p = put_i64(p, t.trip_id);
         *p++ = ',';
-        p = put_i64(p, nodes[k.origin].node_id);
+        p = put_i64(p, has_key ? nodes[k.origin].node_id : 0);
         *p++ = ',';
-        p = put_i64(p, nodes[k.dest].node_id);
+        p = put_i64(p, has_key ? nodes[k.dest].node_id : 0);
         *p++ = ',';
         p = put_u64(p, k.slot);
         *p++ = ',';

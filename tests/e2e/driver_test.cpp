@@ -146,7 +146,9 @@ TEST(DriverRun, NetworkPhaseLinesAndClosingLine) {
         << run.err;
     EXPECT_TRUE(file_exists(r.dir.file("deep/er/out")));
     const std::string out = untimed(run.out);
+    // One tagged kind is enough for both counts to be reported.
     EXPECT_TRUE(has_line(out, "[network] 1 links tagged MESO via dta_meso column"));
+    EXPECT_TRUE(has_line(out, "[network] 0 links tagged MICRO via dta_micro column"));
     EXPECT_TRUE(std::regex_search(
         out, std::regex(R"(\n\[T\]\[network\] 6 nodes \(2 centroids\), 10 )"
                         R"(links, 2 counties, 0 links without county, \d+\.\ds\n)")));

@@ -67,6 +67,77 @@ TEST(NodeImbalance, InteriorNodesThresholdsWorstAndRows) {
     EXPECT_EQ(fixture::read_file(dir.file("e.csv")), "node_id,sum_in,sum_out,imbalance\n");
 }
 
+TEST(NodeConservationReport, ItsOwnLoadSettingsFilesAndBlock) {
+    // A merge with a bottleneck, so that the injection resolution and the receiving mode show
+    // in the link arrays.
+    fixture::NodeCase c(5);
+    fixture::LinkSpec wide{3600, 3, 60, 3, 60, 2}, narrow{900, 2, 30, 2, 60, 1};
+    const int32_t a = c.link(0, 2, wide), b = c.link(1, 2, wide), m = c.link(2, 3, narrow);
+    const int32_t x = c.link(3, 4, wide);
+    c.key({a, m, x}, 7, 800);
+    c.key({b, m, x}, 7, 600);
+    const Network start = c.net;
+
+    fixture::TempDir dir;
+    RunConfig config;
+    config.output_directory = dir.path;
+    config.node_dt = 30.0f;
+    config.node_method = 1;
+    config.node_receiving_spatial = false;
+    config.assignment.node_inject_res = 60.0f;  // the report ignores both
+    config.assignment.node_turns = true;
+    AssignmentState state;
+    state.network = &c.net;
+    state.trips = &c.trips;
+    state.path_arena = c.arena;
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    write_node_conservation_report(config, state);
+    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string err = testing::internal::GetCapturedStderr();
+
+    // The same arrays as one load with the report's fixed settings; the assignment's injection
+    // resolution would have given others.
+    auto arrays_after = [&](float inject_res) {
+        Network net = start;
+        NodeLoadParams p = fixture::node_params(1, false, 30.0f, inject_res);
+        testing::internal::CaptureStderr();
+        run_node_dnl(net, c.trips, c.arena, p, nullptr);
+        testing::internal::GetCapturedStderr();
+        std::vector<float> v;
+        for (const Link& l : net.links) {
+            v.insert(v.end(), std::begin(l.travel_time_min), std::end(l.travel_time_min));
+            v.insert(v.end(), std::begin(l.volume), std::end(l.volume));
+        }
+        return v;
+    };
+    std::vector<float> got;
+    for (const Link& l : c.net.links) {
+        got.insert(got.end(), std::begin(l.travel_time_min), std::end(l.travel_time_min));
+        got.insert(got.end(), std::begin(l.volume), std::end(l.volume));
+    }
+    EXPECT_EQ(got, arrays_after(15.0f));
+    EXPECT_NE(got, arrays_after(60.0f));
+
+    EXPECT_NE(err.find("[node-dnl/cumulative] conservation: injected=1400 exited=1400"),
+              std::string::npos)
+        << err;
+    EXPECT_NE(out.find("][node-conservation] receiving=point-queue dt=30s, interior nodes=2 ("),
+              std::string::npos)
+        << out;
+    EXPECT_NE(out.find("\n   -> node_conservation_{macro,nodemodel}.csv, "
+                       "link_performance_nodeDTA.csv\n"),
+              std::string::npos);
+    // Before the load no link carried volume; after it every interior node balances.
+    EXPECT_EQ(fixture::read_file(dir.file("node_conservation_macro.csv")),
+              "node_id,sum_in,sum_out,imbalance\n");
+    EXPECT_EQ(fixture::read_file(dir.file("node_conservation_nodemodel.csv")),
+              "node_id,sum_in,sum_out,imbalance\n");
+    const std::string links = fixture::read_file(dir.file("link_performance_nodeDTA.csv"));
+    EXPECT_EQ(links.rfind("a_node,b_node,county,ftype,hour,interval,volume,", 0), 0u);
+    EXPECT_NE(links.find("\n102,103,,0,7,"), std::string::npos) << links;  // the narrow link
+}
+
 #ifdef TORVEX_SYNTH_BIN
 
 // A generated region with every key on its free-flow path.
