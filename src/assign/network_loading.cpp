@@ -70,6 +70,8 @@ void load_paths_full(const LinkLoadContext& ctx, const TripTable& trips,
 #pragma omp parallel num_threads(threads)
     {
         const int t = omp_get_thread_num();
+        // The team the runtime gave, which may be smaller than asked: only its tables are fresh.
+        const int team = omp_get_num_threads();
         float* table = volume_table.data();
         if (t > 0) {
             std::vector<float>& mine = priv[t - 1];
@@ -90,7 +92,7 @@ void load_paths_full(const LinkLoadContext& ctx, const TripTable& trips,
 #pragma omp for schedule(static)
         for (int64_t c = 0; c < static_cast<int64_t>(cells); ++c) {
             float v = volume_table[c];
-            for (int u = 0; u < threads - 1; ++u) v += priv[u][c];
+            for (int u = 0; u < team - 1; ++u) v += priv[u][c];
             volume_table[c] = v;
         }
     }
