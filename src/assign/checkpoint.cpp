@@ -31,6 +31,7 @@ struct Writer {
     void bytes(const void* p, size_t n) {
         if (!ok) return;
         if (buf.size() + n > buf.capacity()) flush();
+        if (!ok) return;
         if (n >= buf.capacity()) {
             if (std::fwrite(p, 1, n, f) != n) ok = false;
             return;
@@ -95,7 +96,10 @@ bool paths_in_range(const std::vector<RouteKey>& keys, const std::vector<int32_t
     const int64_t p = static_cast<int64_t>(arena.size());
     for (const RouteKey& k : keys) {
         if (k.path_offset < 0) continue;
-        if (k.n_links < 0 || k.path_offset > p || k.n_links > p - k.path_offset) return false;
+        if (k.n_links < 0) return false;
+        // A key without links never reads its path, whatever offset it kept.
+        if (k.n_links == 0) continue;
+        if (k.path_offset > p || k.n_links > p - k.path_offset) return false;
     }
     for (const int32_t l : arena)
         if (l < 0 || l >= links) return false;

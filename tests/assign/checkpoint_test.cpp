@@ -234,6 +234,11 @@ TEST(Checkpoint, EveryReadFailureHasItsText) {
     bad = good;
     set_field<int32_t>(bad, 36 + 8, -2);
     EXPECT_EQ(read_bytes(bad).error, body_error);
+    // A key without links may keep any offset: it never reads its path.
+    bad = good;
+    set_field<int64_t>(bad, 36, p + 50);
+    set_field<int32_t>(bad, 36 + 8, 0);
+    EXPECT_TRUE(read_bytes(bad).ok);
 
     // Trailing bytes are not looked at.
     EXPECT_TRUE(read_bytes(good + "xyz").ok);
