@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 
 #include "node/node_model.h"
 
@@ -26,11 +25,9 @@ double backward_wave_steps(const Link& link, double dt) {
 }
 
 // A curve at real step x, interpolated between stored steps; newest is the last step stored and
-// oldest the first that may be trusted. `ring` is the curve's own ring of mask + 1 steps. A quiet
-// link stops storing: its curve stays at the value of step `stored`, which stands for every later
-// step (so a read past it gives exactly what a stored ring would have held).
-inline double curve_at(const double* ring, uint32_t mask, double x, int64_t newest, int64_t oldest,
-                       int64_t stored) {
+// oldest the first that may be trusted. `ring` is the curve's own ring of mask + 1 steps.
+inline double curve_at(const double* ring, uint32_t mask, double x, int64_t newest,
+                       int64_t oldest) {
     if (x <= 0.0) return 0.0;
     int64_t k = static_cast<int64_t>(x);
     double frac = k <= newest ? x - static_cast<double>(k) : 0.0;
@@ -40,9 +37,8 @@ inline double curve_at(const double* ring, uint32_t mask, double x, int64_t newe
         k = oldest;
     }
     if (k < 0) return 0.0;
-    const double a = ring[static_cast<uint64_t>(std::min(k, stored)) & mask];
-    const double b =
-        k + 1 <= newest ? ring[static_cast<uint64_t>(std::min(k + 1, stored)) & mask] : a;
+    const double a = ring[static_cast<uint64_t>(k) & mask];
+    const double b = k + 1 <= newest ? ring[static_cast<uint64_t>(k + 1) & mask] : a;
     return (b - a) * frac + a;
 }
 
@@ -60,7 +56,6 @@ struct alignas(64) LinkUp {
     double bw;
     uint64_t ring_off;   // first value of the upstream ring
     uint32_t ring_mask;  // ring length - 1
-    int32_t stored;      // last step written to the rings
 };
 
 struct alignas(64) LinkDown {
@@ -72,17 +67,7 @@ struct alignas(64) LinkDown {
     float exit_share;
     int32_t turn_begin;
     int32_t turn_end;
-    int32_t last_change;  // last step at which either curve moved
-    int32_t reach;        // steps a lagged read can look back, plus a margin
 };
-
-// A link is quiet when stepping it would change nothing: nothing to send now or later (its
-// upstream count is not above its downstream count), nothing booked in the current interval,
-// and both curves flat over every step a lag can reach. Quiet links are skipped by the per-link
-// pass until a node or an injection adds vehicles to them; at night and between the peaks most
-// links of a large region are quiet. flags: kBusy is kept by the per-link pass, kWoken set by
-// whoever adds vehicles to a quiet link.
-constexpr uint8_t kBusy = 1, kWoken = 2;
 
 void build_rings(const std::vector<double>& ff, const std::vector<double>& bw, int32_t num_steps,
                  std::vector<LinkUp>& up, std::vector<double>& values) {
@@ -113,19 +98,6 @@ inline void prefetch_rings(const double* ring, const LinkUp& u, const LinkDown& 
     __builtin_prefetch(r + mask + 1 + (static_cast<uint64_t>(t) & mask), 1);
 }
 
-// A quiet link wakes at step t: the ring slots of the steps it skipped take the value it held,
-// which is what storing at every step would have left there.
-inline void fill_skipped_steps(double* r_up, uint32_t mask, int32_t stored, int32_t t) {
-    const int64_t len = static_cast<int64_t>(mask) + 1;
-    const double up_value = r_up[static_cast<uint32_t>(stored) & mask];
-    const double down_value = r_up[len + (static_cast<uint32_t>(stored) & mask)];
-    const int64_t first = std::max<int64_t>(stored + 1, static_cast<int64_t>(t) - len);
-    for (int64_t k = first; k < t; ++k) {
-        r_up[static_cast<uint64_t>(k) & mask] = up_value;
-        r_up[len + (static_cast<uint64_t>(k) & mask)] = down_value;
-    }
-}
-
 }  // namespace
 
 NodeLoadTotals run_cumulative(Network& net, const NodeLoadParams& params, const NodePrep& prep) {
@@ -151,19 +123,13 @@ NodeLoadTotals run_cumulative(Network& net, const NodeLoadParams& params, const 
         u.cap = prep.cap_step[i];
         u.storage = prep.storage[i];
         u.bw = bw[i];
-        u.stored = 0;
         LinkDown& d = downs[i];
         d.n_down = d.send = d.discharge = d.backlog = 0.0;
         d.ff = ff[i];
         d.exit_share = prep.exit_share[i];
         d.turn_begin = prep.turn_begin[i];
         d.turn_end = prep.turn_begin[i + 1];
-        d.last_change = 0;
-        d.reach = static_cast<int32_t>(std::min<double>(std::ceil(std::max(ff[i], bw[i])) + 2.0,
-                                                        static_cast<double>(num_steps) + 2.0));
     }
-    std::vector<uint8_t> flag_values(na, 0);
-    std::vector<uint8_t> sending_values(na, 0);
     double injected = 0.0;
     for (const Injection& in : prep.inject)
         if (in.pos >= 0) injected += in.veh;
@@ -182,18 +148,12 @@ NodeLoadTotals run_cumulative(Network& net, const NodeLoadParams& params, const 
     double* ring = ring_values.data();
     LinkUp* up = ups.data();
     LinkDown* down = downs.data();
-    uint8_t* flags = flag_values.data();
-    uint8_t* sending = sending_values.data();
     const bool spatial = params.spatial_receiving;
     const int32_t n_nodes = static_cast<int32_t>(prep.active_nodes.size());
 
     // The first step's injection; later ones are added by the per-link pass of the step before.
-    for (int64_t e = prep.inject_begin[0]; e < prep.inject_begin[1]; ++e) {
-        const int32_t pos = prep.inject[e].pos;
-        if (pos < 0) continue;
-        up[pos].n_up += prep.inject[e].veh;
-        flags[pos] |= kWoken;
-    }
+    for (int64_t e = prep.inject_begin[0]; e < prep.inject_begin[1]; ++e)
+        if (prep.inject[e].pos >= 0) up[prep.inject[e].pos].n_up += prep.inject[e].veh;
 
     double exited = 0.0;
 #pragma omp parallel if (n_active >= kNodeParallelLinks)
@@ -212,9 +172,9 @@ NodeLoadTotals run_cumulative(Network& net, const NodeLoadParams& params, const 
                 // A link with nothing to send offers and moves nothing. Once any in-link sends,
                 // the idle ones run through the same arithmetic with zeros, which adds exact
                 // zeros and spares the unpredictable branches.
-                uint8_t offered = 0;
+                bool offered = false;
                 for (int32_t p = node_in_begin[n]; p < node_in_begin[n + 1]; ++p)
-                    offered |= sending[node_in[p]];
+                    offered |= down[node_in[p]].send > 0.0;
                 if (!offered) continue;
                 for (int32_t p = node_in_begin[n]; p < node_in_begin[n + 1]; ++p) {
                     const LinkDown& dl = down[node_in[p]];
@@ -230,7 +190,7 @@ NodeLoadTotals run_cumulative(Network& net, const NodeLoadParams& params, const 
                     if (spatial) {
                         const double d = curve_at(ring + o.ring_off + o.ring_mask + 1, o.ring_mask,
                                                   static_cast<double>(t) - o.bw, t - 1,
-                                                  static_cast<int64_t>(t) - o.ring_mask, o.stored);
+                                                  static_cast<int64_t>(t) - o.ring_mask);
                         receive = std::min(o.cap, std::max(d + o.storage - o.n_up, 0.0));
                     }
                     o.phi = d_in > receive ? receive / d_in : 1.0;
@@ -241,12 +201,10 @@ NodeLoadTotals run_cumulative(Network& net, const NodeLoadParams& params, const 
                     double moved = static_cast<double>(dl.exit_share) * f;
                     exited += moved;
                     for (int32_t e = dl.turn_begin; e < dl.turn_end; ++e) {
-                        const int32_t to = turns[e].to_pos;
-                        LinkUp& o = up[to];
+                        LinkUp& o = up[turns[e].to_pos];
                         const double q = static_cast<double>(turns[e].share) * f * o.phi;
                         moved += q;
                         o.n_up += q;
-                        if (q > 0.0) flags[to] |= kWoken;
                     }
                     dl.n_down += moved;
                     dl.discharge += moved;
@@ -259,57 +217,35 @@ NodeLoadTotals run_cumulative(Network& net, const NodeLoadParams& params, const 
 
             // Per link, on this thread's block: store step t on the rings, book the backlog
             // left after the moves, read what the link may send in the next step, and add the
-            // next step's injection (neither read sees it). Quiet links are passed over.
+            // next step's injection (neither read sees it).
             const bool flush = t == num_steps || interval_of_step(t + 1) != iv;
             const size_t iv_at = static_cast<size_t>(iv) * na;
             for (int32_t i = lo; i < hi; ++i) {
-                if (flags[i] == 0) {
-                    // Eight quiet links at a time.
-                    if ((i & 7) == 0 && i + 8 <= hi) {
-                        uint64_t word;
-                        std::memcpy(&word, flags + i, 8);
-                        if (word == 0) i += 7;
-                    }
-                    continue;
-                }
-                if (i + kAhead < hi && flags[i + kAhead] != 0)
-                    prefetch_rings(ring, up[i + kAhead], down[i + kAhead], t);
+                if (i + kAhead < hi) prefetch_rings(ring, up[i + kAhead], down[i + kAhead], t);
                 LinkUp& u = up[i];
                 LinkDown& d = down[i];
                 double* r_up = ring + u.ring_off;
                 const uint32_t mask = u.ring_mask;
-                if ((flags[i] & kBusy) == 0) fill_skipped_steps(r_up, mask, u.stored, t);
-                const uint64_t prev = static_cast<uint64_t>(t - 1) & mask;
-                if (u.n_up != r_up[prev] || d.n_down != r_up[mask + 1 + prev]) d.last_change = t;
                 const uint64_t slot = static_cast<uint64_t>(t) & mask;
                 r_up[slot] = u.n_up;
                 r_up[mask + 1 + slot] = d.n_down;
-                u.stored = t;
                 const int64_t oldest = static_cast<int64_t>(t) - mask + 1;
-                const double a = curve_at(r_up, mask, static_cast<double>(t) - d.ff, t, oldest, t);
+                const double a = curve_at(r_up, mask, static_cast<double>(t) - d.ff, t, oldest);
                 d.backlog += std::max(a - d.n_down - u.cap, 0.0);
-                const double b =
-                    curve_at(r_up, mask, static_cast<double>(t + 1) - d.ff, t, oldest, t);
+                const double b = curve_at(r_up, mask, static_cast<double>(t + 1) - d.ff, t, oldest);
                 d.send = std::min(u.cap, std::max(0.0, b - d.n_down));
                 if (flush) {
                     queue_steps[iv_at + i] += d.backlog;
                     discharge[iv_at + i] += d.discharge;
                     d.backlog = d.discharge = 0.0;
                 }
-                sending[i] = d.send > 0.0;
-                const bool quiet = !(u.n_up > d.n_down) && d.backlog == 0.0 && d.discharge == 0.0 &&
-                                   t - d.last_change > d.reach;
-                flags[i] = quiet ? 0 : kBusy;
             }
             if (t < num_steps) {
                 // A step injects a few thousand parts at most: each thread scans them all and
                 // adds its own, in key order.
                 for (int64_t e = prep.inject_begin[t]; e < prep.inject_begin[t + 1]; ++e) {
                     const Injection& in = prep.inject[e];
-                    if (in.pos >= lo && in.pos < hi) {
-                        up[in.pos].n_up += in.veh;
-                        flags[in.pos] |= kWoken;
-                    }
+                    if (in.pos >= lo && in.pos < hi) up[in.pos].n_up += in.veh;
                 }
             }
 #pragma omp barrier
