@@ -25,7 +25,8 @@ double backward_wave_steps(const Link& link, double dt) {
 }
 
 // A curve at real step x, interpolated between stored steps; newest is the last step stored and
-// oldest the first that may be trusted. `ring` is the curve's own ring of mask + 1 steps.
+// oldest the first that may be trusted. `ring` is the curve's first value in its link's ring of
+// mask + 1 steps, where the two curves of a step stand side by side (so step k is at 2k).
 inline double curve_at(const double* ring, uint32_t mask, double x, int64_t newest,
                        int64_t oldest) {
     if (x <= 0.0) return 0.0;
@@ -37,16 +38,17 @@ inline double curve_at(const double* ring, uint32_t mask, double x, int64_t newe
         k = oldest;
     }
     if (k < 0) return 0.0;
-    const double a = ring[static_cast<uint64_t>(k) & mask];
-    const double b = k + 1 <= newest ? ring[static_cast<uint64_t>(k + 1) & mask] : a;
+    const double a = ring[2 * (static_cast<uint64_t>(k) & mask)];
+    const double b = k + 1 <= newest ? ring[2 * (static_cast<uint64_t>(k + 1) & mask)] : a;
     return (b - a) * frac + a;
 }
 
 // Per-link state of the step loop, packed so that a node reaching one of its links touches one
 // cache line instead of one per array. LinkUp is what the tail node reads and writes (the link
-// as an out-link), LinkDown what the head node uses (the link as an in-link). A link's rings
-// hold the upstream curve, then the downstream curve, each a power of two of steps at least the
-// lag reach plus two, so no read the lags can make is ever overwritten.
+// as an out-link), LinkDown what the head node uses (the link as an in-link). A link's ring
+// holds, step by step, the upstream and the downstream count side by side, for a power of two of
+// steps at least the lag reach plus two, so no read the lags can make is ever overwritten; a
+// step's store touches one cache line.
 struct alignas(64) LinkUp {
     double n_up;
     double demand_in;
@@ -54,7 +56,7 @@ struct alignas(64) LinkUp {
     double cap;
     double storage;
     double bw;
-    uint64_t ring_off;   // first value of the upstream ring
+    uint64_t ring_off;   // first value of the link's ring
     uint32_t ring_mask;  // ring length - 1
 };
 
@@ -75,7 +77,7 @@ void build_rings(const std::vector<double>& ff, const std::vector<double>& bw, i
     for (size_t i = 0; i < up.size(); ++i) {
         const double reach = std::ceil(std::max(ff[i], bw[i])) + 2.0;
         const double capped = std::min(reach, static_cast<double>(num_steps) + 1.0);
-        uint64_t len = 4;  // both rings of a short link share one cache line
+        uint64_t len = 4;  // both curves of a short link share one cache line
         while (static_cast<double>(len) < capped) len <<= 1;
         up[i].ring_off = at;
         up[i].ring_mask = static_cast<uint32_t>(len - 1);
@@ -93,9 +95,8 @@ inline void prefetch_rings(const double* ring, const LinkUp& u, const LinkDown& 
     const uint64_t mask = u.ring_mask;
     const double x = static_cast<double>(t) - d.ff;
     const uint64_t k = x > 0.0 ? static_cast<uint64_t>(x) : 0;
-    __builtin_prefetch(r + (k & mask));
-    __builtin_prefetch(r + (static_cast<uint64_t>(t) & mask), 1);
-    __builtin_prefetch(r + mask + 1 + (static_cast<uint64_t>(t) & mask), 1);
+    __builtin_prefetch(r + 2 * (k & mask));
+    __builtin_prefetch(r + 2 * (static_cast<uint64_t>(t) & mask), 1);
 }
 
 }  // namespace
@@ -188,7 +189,7 @@ NodeLoadTotals run_cumulative(Network& net, const NodeLoadParams& params, const 
                     if (!(d_in > 0.0)) continue;
                     double receive = o.cap;
                     if (spatial) {
-                        const double d = curve_at(ring + o.ring_off + o.ring_mask + 1, o.ring_mask,
+                        const double d = curve_at(ring + o.ring_off + 1, o.ring_mask,
                                                   static_cast<double>(t) - o.bw, t - 1,
                                                   static_cast<int64_t>(t) - o.ring_mask);
                         receive = std::min(o.cap, std::max(d + o.storage - o.n_up, 0.0));
@@ -227,8 +228,8 @@ NodeLoadTotals run_cumulative(Network& net, const NodeLoadParams& params, const 
                 double* r_up = ring + u.ring_off;
                 const uint32_t mask = u.ring_mask;
                 const uint64_t slot = static_cast<uint64_t>(t) & mask;
-                r_up[slot] = u.n_up;
-                r_up[mask + 1 + slot] = d.n_down;
+                r_up[2 * slot] = u.n_up;
+                r_up[2 * slot + 1] = d.n_down;
                 const int64_t oldest = static_cast<int64_t>(t) - mask + 1;
                 const double a = curve_at(r_up, mask, static_cast<double>(t) - d.ff, t, oldest);
                 d.backlog += std::max(a - d.n_down - u.cap, 0.0);
