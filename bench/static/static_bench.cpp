@@ -2,7 +2,10 @@
 // of an iteration split into routing, loading, windowing and line search, and the relative gap
 // after 10, 50 and 100 iterations.
 //
-//   bench-static DIR [--iterations N] [--threads N] [--period-min M]
+//   bench-static DIR [--iterations N] [--threads N] [--period-min M] [--demand-scale X]
+//
+// --demand-scale multiplies every route key's weight, for a region congested enough that the
+// methods part ways.
 //
 // DIR holds NODE.csv, LINK.csv and TRIPS.csv (as torvex-synth writes them).
 #include <fcntl.h>
@@ -65,17 +68,18 @@ int main(int argc, char** argv) {
     if (argc < 2) {
         std::fprintf(stderr,
                      "usage: bench-static DIR [--iterations N] [--threads N] "
-                     "[--period-min M]\n");
+                     "[--period-min M] [--demand-scale X]\n");
         return 2;
     }
     const std::string dir = argv[1];
     int iterations = 100, threads = 0;
-    float period_min = 15.0f;
+    float period_min = 15.0f, demand_scale = 1.0f;
     for (int i = 2; i + 1 < argc; i += 2) {
         const std::string a = argv[i];
         if (a == "--iterations") iterations = std::atoi(argv[i + 1]);
         if (a == "--threads") threads = std::atoi(argv[i + 1]);
         if (a == "--period-min") period_min = static_cast<float>(std::atof(argv[i + 1]));
+        if (a == "--demand-scale") demand_scale = static_cast<float>(std::atof(argv[i + 1]));
     }
 
     RunConfig config;
@@ -98,10 +102,12 @@ int main(int argc, char** argv) {
         load_trips(dir + "/TRIPS.csv", base, base_trips, 0, adj, 1);
         apply_static_settings(config, base);
     }
-    std::printf("static solver on %s: %d links, %zu route keys, %d windows/link, %d iterations\n",
-                dir.c_str(), base.link_count(), base_trips.route_keys.size(),
-                (kIntervals + base.sta_window_intervals - 1) / base.sta_window_intervals,
-                iterations);
+    for (RouteKey& k : base_trips.route_keys) k.weight *= demand_scale;
+    std::printf(
+        "static solver on %s: %d links, %zu route keys (demand x%.2f), %d windows/link, %d "
+        "iterations\n",
+        dir.c_str(), base.link_count(), base_trips.route_keys.size(), demand_scale,
+        (kIntervals + base.sta_window_intervals - 1) / base.sta_window_intervals, iterations);
     std::printf("%-26s %6s %8s %8s %8s %8s %8s %8s %7s %9s %9s %9s %6s %6s\n", "method", "iters",
                 "route/s", "load/s", "window/s", "search/s", "update/s", "total/s", "nonrt",
                 "gap@10", "gap@50", "gap@100", "1e-3@", "1e-4@");
