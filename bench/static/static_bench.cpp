@@ -3,6 +3,7 @@
 // after 10, 50 and 100 iterations.
 //
 //   bench-static DIR [--iterations N] [--threads N] [--period-min M] [--demand-scale X]
+//                    [--methods msa,fw,cfw,bfw]
 //
 // --demand-scale multiplies every route key's weight, for a region congested enough that the
 // methods part ways.
@@ -15,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "assign/assignment_state.h"
@@ -68,18 +70,20 @@ int main(int argc, char** argv) {
     if (argc < 2) {
         std::fprintf(stderr,
                      "usage: bench-static DIR [--iterations N] [--threads N] "
-                     "[--period-min M] [--demand-scale X]\n");
+                     "[--period-min M] [--demand-scale X] [--methods msa,fw,cfw,bfw]\n");
         return 2;
     }
     const std::string dir = argv[1];
     int iterations = 100, threads = 0;
     float period_min = 15.0f, demand_scale = 1.0f;
+    std::string methods = "msa,fw,cfw,bfw";
     for (int i = 2; i + 1 < argc; i += 2) {
         const std::string a = argv[i];
         if (a == "--iterations") iterations = std::atoi(argv[i + 1]);
         if (a == "--threads") threads = std::atoi(argv[i + 1]);
         if (a == "--period-min") period_min = static_cast<float>(std::atof(argv[i + 1]));
         if (a == "--demand-scale") demand_scale = static_cast<float>(std::atof(argv[i + 1]));
+        if (a == "--methods") methods = argv[i + 1];
     }
 
     RunConfig config;
@@ -112,7 +116,12 @@ int main(int argc, char** argv) {
                 "route/s", "load/s", "window/s", "search/s", "update/s", "total/s", "nonrt",
                 "gap@10", "gap@50", "gap@100", "1e-3@", "1e-4@");
 
-    for (StaMethod method : {StaMethod::msa, StaMethod::fw, StaMethod::cfw, StaMethod::bfw}) {
+    const std::pair<StaMethod, const char*> all[] = {{StaMethod::msa, ",msa,"},
+                                                     {StaMethod::fw, ",fw,"},
+                                                     {StaMethod::cfw, ",cfw,"},
+                                                     {StaMethod::bfw, ",bfw,"}};
+    for (const auto& [method, tag] : all) {
+        if (("," + methods + ",").find(tag) == std::string::npos) continue;
         config.sta_method = method;
         Network net = base;
         TripTable trips = base_trips;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -320,6 +321,10 @@ TEST(Checkpoint, ResumeAfterStopFileContinuesTheSchedule) {
                          "assignment; running outputs / post-processing on the loaded state\n"),
               std::string::npos);
     EXPECT_EQ(r.out.find("rel_gap="), std::string::npos);
+    // The loaded state still goes through the whole output phase: the link file holds rows.
+    const std::string links = read_file(dir.file("o3/link_performance_macroDTA.csv"));
+    EXPECT_GT(std::count(links.begin(), links.end(), '\n'), 1);
+    EXPECT_NE(r.out.find("[output]"), std::string::npos);
 
     // A checkpoint that cannot be read ends the run.
     write_file(dir.file("bad.ctl"), base + "RESUME_FROM nothing.bin\n");
