@@ -209,7 +209,9 @@ int main(int argc, char** argv) {
                 k.reachable = true;
             }
             AssignmentState st;
-            prepare_assignment(st, net, trips, adj, cfg, nullptr);
+            // Each thread count starts from free flow: the load below rewrites the link times.
+            Network pass_net = net;
+            prepare_assignment(st, pass_net, trips, adj, cfg, nullptr);
             st.frozen = true;  // routing alone
             omp_set_num_threads(threads);
             IterationRecord rec;

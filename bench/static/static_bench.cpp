@@ -144,6 +144,10 @@ int main(int argc, char** argv) {
                     s.windowing_s / n, s.line_search_s / n, s.link_update_s / n, seconds / n,
                     non_routing / s.routing_s, gap_at(recs, 10).c_str(), gap_at(recs, 50).c_str(),
                     gap_at(recs, 100).c_str(), first_below(recs, 1e-3), first_below(recs, 1e-4));
+        if (method == StaMethod::cfw || method == StaMethod::bfw) {
+            std::printf("  conjugate direction used %d, rejected %d, before history %d\n", s.used,
+                        s.rejected, s.before_history);
+        }
         std::fflush(stdout);
     }
     return 0;
