@@ -52,6 +52,10 @@ int32_t KeyIndex::find_or_insert(uint64_t id, int32_t fresh) {
     return fresh;
 }
 
+void KeyIndex::prefetch(uint64_t id) const {
+    if (!slots.empty()) __builtin_prefetch(&slots[slot_of(id, slots.size() - 1)], 1);
+}
+
 void KeyIndex::reserve(size_t n) {
     size_t capacity = slots.empty() ? 1024 : slots.size();
     while (n * 10 > capacity * 7) capacity *= 2;

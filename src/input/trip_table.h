@@ -79,6 +79,8 @@ struct KeyIndex {
     int32_t find(uint64_t id) const;
     // The index stored for id; when absent, stores `fresh` and returns it.
     int32_t find_or_insert(uint64_t id, int32_t fresh);
+    // Asks for the cache line where the probe for id starts; a hint, any time.
+    void prefetch(uint64_t id) const;
     // Room for n identities without growing.
     void reserve(size_t n);
     void clear();
@@ -153,7 +155,6 @@ TripLoadSummary load_trips(const std::string& path, const Network& network, Trip
 // Reads SEGMENT_PARAM_FILE into the per-segment arrays; every demand segment needs a row.
 // Numbers are strict: a field without one raises the conversion error.
 void load_segment_params(const std::string& path, TripTable& table);
-
 
 // Generalized cost weights of a segment. A 2-axle vehicle pays the plain toll and every further
 // axle one more unit; 1 and 2 axles cost the same.

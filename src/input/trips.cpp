@@ -149,6 +149,16 @@ void reserve_trips(const std::string& path, const LineReader& reader, int64_t ro
     }
 }
 
+// A parsed row waiting for its route key.
+struct PendingRow {
+    Trip trip;
+    uint64_t identity = 0;
+    int32_t origin = 0;
+    int32_t dest = 0;
+    uint8_t slot = 0;
+    bool live = false;
+};
+
 bool ev_flag(FieldView f) {
     const std::string_view v = trim_right(f).view();
     return v == "1" || v == "EV" || v == "ev" || v == "electric" || v == "Y" || v == "y" ||
@@ -204,16 +214,43 @@ TripLoadSummary load_trips(const std::string& path, const Network& network, Trip
     f.reserve(64);
 
     const NodeLookup nodes(network.node_index);
+    PendingRow pending;
+    // Finds or makes the row's route key, adds the row's weight to it and stores the trip.
+    auto book = [&](const PendingRow& row) {
+        const int32_t next = static_cast<int32_t>(table.route_keys.size());
+        const int32_t k = table.key_index.find_or_insert(row.identity, next);
+        if (k == next) {
+            RouteKey fresh;
+            fresh.origin = row.origin;
+            fresh.dest = row.dest;
+            fresh.slot = row.slot;
+            fresh.segment = row.trip.segment;
+            table.route_keys.push_back(fresh);
+        }
+        RouteKey& key = table.route_keys[k];
+        if (key.weight == 0.0f)
+            key.scope = static_cast<uint8_t>(
+                county_scope(static_cast<int16_t>(network.nodes[row.origin].county),
+                             static_cast<int16_t>(network.nodes[row.dest].county), adjacency));
+        key.weight += row.trip.weight;
+        table.trips.push_back(row.trip);
+        table.trips.back().route_key = k;
+    };
     int64_t sampled_bytes = 0;
+    RoomWarmer warmer;
     constexpr int64_t kSampleRows = 4096;
     while (reader.next_line(line)) {
         if (line.size == 0) continue;
         ++s.rows_read;
         if (s.rows_read <= kSampleRows) {
             sampled_bytes += static_cast<int64_t>(line.size) + 1;
-            if (s.rows_read == kSampleRows)
+            if (s.rows_read == kSampleRows) {
                 reserve_trips(path, reader, sampled_bytes, kSampleRows, max_trips, sample_every,
                               table);
+                warmer.start(table.trips, table.route_keys);
+            }
+        } else if (s.rows_read % kSampleRows == 0) {
+            warmer.progress(table.trips, table.route_keys);
         }
         if (s.rows_read % 20000000 == 0)
             progress("[trips] ... %lldM rows read\n",
@@ -293,28 +330,21 @@ TripLoadSummary load_trips(const std::string& path, const Network& network, Trip
         table.vot_weight_sum[seg] += static_cast<double>(t.value_of_time) * t.weight;
         table.weight_sum[seg] += t.weight;
 
+        // The key is looked up one row late: the index slot of this row is fetched from memory
+        // while the previous row is booked, and rows are still booked in file order.
         const uint64_t identity =
             route_key_identity(origin, dest, static_cast<uint32_t>(slot), seg);
-        const int32_t next = static_cast<int32_t>(table.route_keys.size());
-        const int32_t k = table.key_index.find_or_insert(identity, next);
-        if (k == next) {
-            RouteKey fresh;
-            fresh.origin = origin;
-            fresh.dest = dest;
-            fresh.slot = static_cast<uint8_t>(slot);
-            fresh.segment = seg;
-            table.route_keys.push_back(fresh);
-        }
-        RouteKey& key = table.route_keys[k];
-        if (key.weight == 0.0f)
-            key.scope = static_cast<uint8_t>(
-                county_scope(static_cast<int16_t>(network.nodes[origin].county),
-                             static_cast<int16_t>(network.nodes[dest].county), adjacency));
-        key.weight += t.weight;
-        t.route_key = k;
-        table.trips.push_back(t);
+        table.key_index.prefetch(identity);
+        if (pending.live) book(pending);
+        pending.trip = t;
+        pending.identity = identity;
+        pending.origin = origin;
+        pending.dest = dest;
+        pending.slot = static_cast<uint8_t>(slot);
+        pending.live = true;
         ++s.rows_loaded;
     }
+    if (pending.live) book(pending);
     return s;
 }
 
