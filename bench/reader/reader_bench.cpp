@@ -17,8 +17,10 @@ namespace {
 int make_file(const char* path, long mb) {
     FILE* f = std::fopen(path, "wb");
     if (!f) return 1;
-    std::fputs("hh_id,person_id,tour_id,trip_id,O,D,hour,vehTrips,valueOfTime,purpose,market,"
-               "marketVot,occupancy,vehicle_type\n", f);
+    std::fputs(
+        "hh_id,person_id,tour_id,trip_id,O,D,hour,vehTrips,valueOfTime,purpose,market,"
+        "marketVot,occupancy,vehicle_type\n",
+        f);
     const char* purposes[] = {"work", "school", "shop", "other", "escort"};
     const char* markets[] = {"SOV", "HOV2", "HOV3", "TRK"};
     uint64_t x = 88172645463325252ull;
@@ -28,11 +30,16 @@ int make_file(const char* path, long mb) {
         x ^= x << 13, x ^= x >> 7, x ^= x << 17;
         const int m = static_cast<int>(x % 4);
         const int n = std::snprintf(
-            buf, sizeof buf, "%lld,%lld,%d,%d,%d,%d,%d,1,%.2f,%s,%s,%s_%d,%d,%d\n", row / 3, row / 2,
-            static_cast<int>(x % 4), static_cast<int>((x >> 8) % 6), static_cast<int>((x >> 16) % 5000) + 1,
-            static_cast<int>((x >> 32) % 5000) + 1, static_cast<int>((x >> 44) % 24) + 1,
-            5.0 + static_cast<double>((x >> 20) % 4000) / 100.0, purposes[(x >> 40) % 5], markets[m],
-            markets[m], static_cast<int>((x >> 50) % 3), m == 2 ? 3 : m == 1 ? 2 : 1, m == 3 ? 2 : 1);
+            buf, sizeof buf, "%lld,%lld,%d,%d,%d,%d,%d,1,%.2f,%s,%s,%s_%d,%d,%d\n", row / 3,
+            row / 2, static_cast<int>(x % 4), static_cast<int>((x >> 8) % 6),
+            static_cast<int>((x >> 16) % 5000) + 1, static_cast<int>((x >> 32) % 5000) + 1,
+            static_cast<int>((x >> 44) % 24) + 1,
+            5.0 + static_cast<double>((x >> 20) % 4000) / 100.0, purposes[(x >> 40) % 5],
+            markets[m], markets[m], static_cast<int>((x >> 50) % 3),
+            m == 2   ? 3
+            : m == 1 ? 2
+                     : 1,
+            m == 3 ? 2 : 1);
         std::fwrite(buf, 1, static_cast<size_t>(n), f);
         bytes += n;
         ++row;
@@ -59,19 +66,20 @@ int read_file(const char* path) {
         field_count += static_cast<long long>(fields.size());
         if (fields.size() > 5) checksum += torvex::field_i64(fields[5]);
     }
-    const double s =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    std::printf("%-8s %s: %lld lines, %lld fields, %.1f MB text in %.3f s: %.0f MB/s, %.1f M lines/s"
-                " (checksum %lld)\n",
-                reader.gzip ? "gzip" : "plain", path, lines, field_count, text_bytes / 1e6, s,
-                text_bytes / 1e6 / s, lines / 1e6 / s, checksum);
+    const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    std::printf(
+        "%-8s %s: %lld lines, %lld fields, %.1f MB text in %.3f s: %.0f MB/s, %.1f M lines/s"
+        " (checksum %lld)\n",
+        reader.gzip ? "gzip" : "plain", path, lines, field_count, text_bytes / 1e6, s,
+        text_bytes / 1e6 / s, lines / 1e6 / s, checksum);
     return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc == 4 && std::strcmp(argv[1], "--make") == 0) return make_file(argv[2], std::atol(argv[3]));
+    if (argc == 4 && std::strcmp(argv[1], "--make") == 0)
+        return make_file(argv[2], std::atol(argv[3]));
     if (argc < 2) {
         std::fprintf(stderr, "usage: bench-reader --make FILE MB | bench-reader FILE...\n");
         return 2;

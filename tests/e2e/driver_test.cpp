@@ -142,7 +142,8 @@ TEST(DriverRun, NetworkPhaseLinesAndClosingLine) {
     ASSERT_EQ(run.exit_code, 0) << run.err;
     // The default node model reports its conservation on the error stream, nothing else does.
     EXPECT_TRUE(std::regex_match(
-        run.err, std::regex(R"((\[node-dnl/cumulative\] conservation: injected=1 exited=1 [^\n]*\n)+)")))
+        run.err,
+        std::regex(R"((\[node-dnl/cumulative\] conservation: injected=1 exited=1 [^\n]*\n)+)")))
         << run.err;
     EXPECT_TRUE(file_exists(r.dir.file("deep/er/out")));
     const std::string out = untimed(run.out);
