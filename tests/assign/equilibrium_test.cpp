@@ -61,18 +61,24 @@ struct Corridor {
         for (Link& l : net.links)
             if (model == MacroModel::DTA_LTM && !l.is_connector) l.flow_tier = kTierLtm;
     }
+    // Runs the assignment for up to the given iterations, keeping its log.
+    std::vector<IterationRecord> run(int iterations) {
+        config.assignment.max_iterations = iterations;
+        prepare_assignment(state, net, trips, adj, config, nullptr);
+        testing::internal::CaptureStdout();
+        std::vector<IterationRecord> recs = run_assignment(state);
+        log = testing::internal::GetCapturedStdout();
+        return recs;
+    }
+    AssignmentState state;
+    std::string log;
 };
 
 TEST(Equilibrium, GapFallsAndDemandIsLoaded) {
     for (MacroModel model : {MacroModel::DTA_PointQueue, MacroModel::DTA_LTM}) {
         Corridor c(model);
-        c.config.assignment.max_iterations = 12;
         c.config.assignment.relative_gap = 1e-6f;
-        AssignmentState state;
-        prepare_assignment(state, c.net, c.trips, c.adj, c.config, nullptr);
-        testing::internal::CaptureStdout();
-        std::vector<IterationRecord> recs = run_assignment(state);
-        const std::string log = testing::internal::GetCapturedStdout();
+        const std::vector<IterationRecord> recs = c.run(12);
         ASSERT_GE(recs.size(), 3u);
         ASSERT_LE(recs.size(), 13u);
         EXPECT_EQ(recs[0].iter, 0);
@@ -82,22 +88,22 @@ TEST(Equilibrium, GapFallsAndDemandIsLoaded) {
         for (const IterationRecord& r : recs) gaps += " " + std::to_string(r.rel_gap);
         EXPECT_LT(recs.back().rel_gap, recs[1].rel_gap * 0.2) << gaps;
         EXPECT_LT(recs.back().rel_gap, 0.02) << gaps;
-        EXPECT_NE(log.find("[iter " + std::to_string(recs.back().iter) + "] rel_gap="),
+        EXPECT_NE(c.log.find("[iter " + std::to_string(recs.back().iter) + "] rel_gap="),
                   std::string::npos);
 
         // Both routes carry demand, and every key's path runs from its origin to its destination.
-        double freeway = 0, arterial = 0;
-        for (int i = 0; i < kIntervals; ++i)
+        // What enters the destination connector is all the demand (no key is cut at the horizon).
+        double freeway = 0, arterial = 0, into_dest = 0;
+        for (int i = 0; i < kIntervals; ++i) {
             freeway += c.net.links[0].inflow[i], arterial += c.net.links[1].inflow[i];
+            into_dest += c.net.links[3].inflow[i];
+        }
         EXPECT_GT(freeway, 0);
         EXPECT_GT(arterial, 0);
-        // What enters the destination connector is all the demand (no key is cut at the horizon).
-        double into_dest = 0;
-        for (int i = 0; i < kIntervals; ++i) into_dest += c.net.links[3].inflow[i];
         EXPECT_NEAR(into_dest, kZones * 3 * 180, 1.0);
         for (const RouteKey& k : c.trips.route_keys) {
             ASSERT_GE(k.path_offset, 0);
-            const int32_t* p = state.path_arena.data() + k.path_offset;
+            const int32_t* p = c.state.path_arena.data() + k.path_offset;
             EXPECT_EQ(c.net.links[p[0]].from, k.origin);
             EXPECT_EQ(c.net.links[p[k.n_links - 1]].to, k.dest);
             for (int j = 1; j < k.n_links; ++j)
@@ -108,39 +114,23 @@ TEST(Equilibrium, GapFallsAndDemandIsLoaded) {
 
 TEST(Equilibrium, StopFileZeroIterationsAndFreeFlowConvergence) {
     Corridor c(MacroModel::DTA_PointQueue);
-    c.config.assignment.max_iterations = 0;
-    AssignmentState none;
-    prepare_assignment(none, c.net, c.trips, c.adj, c.config, nullptr);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(run_assignment(none).size(), 1u);
-    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(c.run(0).size(), 1u);
 
     Corridor s(MacroModel::DTA_PointQueue);
-    s.config.assignment.max_iterations = 9;
     s.config.assignment.stop_file = s.dir.file("STOP");
     write_file(s.config.assignment.stop_file, "");
-    AssignmentState stopped;
-    prepare_assignment(stopped, s.net, s.trips, s.adj, s.config, nullptr);
-    testing::internal::CaptureStdout();
-    std::vector<IterationRecord> recs = run_assignment(stopped);
-    std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(recs.size(), 2u);
-    EXPECT_NE(log.find("[stop] stop-file '" + s.config.assignment.stop_file +
-                       "' detected -> halting at iteration 1\n"),
+    EXPECT_EQ(s.run(9).size(), 2u);
+    EXPECT_NE(s.log.find("[stop] stop-file '" + s.config.assignment.stop_file +
+                         "' detected -> halting at iteration 1\n"),
               std::string::npos);
     EXPECT_TRUE(fixture::file_exists(s.config.assignment.stop_file));  // left in place
 
     // Light demand never congests: the free-flow paths are at equilibrium at iteration 1.
     Corridor light(MacroModel::DTA_PointQueue, 5);
-    light.config.assignment.max_iterations = 9;
-    AssignmentState easy;
-    prepare_assignment(easy, light.net, light.trips, light.adj, light.config, nullptr);
-    testing::internal::CaptureStdout();
-    recs = run_assignment(easy);
-    log = testing::internal::GetCapturedStdout();
+    const std::vector<IterationRecord> recs = light.run(9);
     EXPECT_EQ(recs.size(), 2u);
     EXPECT_EQ(recs[1].rel_gap, 0.0);
-    EXPECT_NE(log.find("[converged] rel_gap 0.00000 < eps 0.01000 at iteration 1\n"),
+    EXPECT_NE(light.log.find("[converged] rel_gap 0.00000 < eps 0.01000 at iteration 1\n"),
               std::string::npos);
 }
 
@@ -149,11 +139,14 @@ TEST(Equilibrium, ProgressiveSamplingIsNestedAndScaled) {
     double total = 0;
     for (const Trip& t : c.trips.trips) total += t.weight;
     std::set<int64_t> quarter, half;
-    const int64_t active = resample_keys(c.trips, 0.25f);
-    EXPECT_EQ(active, 3 * kZones);
-    double w = 0;
-    for (const RouteKey& k : c.trips.route_keys) w += k.weight;
-    EXPECT_NEAR(w / total, 1.0, 0.1);  // about a quarter of the trips, each counted four times
+    EXPECT_EQ(resample_keys(c.trips, 0.25f), 3 * kZones);
+    auto key_weight = [&] {
+        double w = 0;
+        for (const RouteKey& k : c.trips.route_keys) w += k.weight;
+        return w;
+    };
+    EXPECT_NEAR(key_weight() / total, 1.0,
+                0.1);  // about a quarter of the trips, each counted four times
     // Nested: every trip in the 25% sample is in the 50% sample (the hash does not depend on f).
     auto picked = [](int64_t agent, float f) {
         uint64_t h = static_cast<uint64_t>(agent) * 0x9E3779B97F4A7C15ull;
@@ -169,9 +162,7 @@ TEST(Equilibrium, ProgressiveSamplingIsNestedAndScaled) {
     double expect = 0;
     for (const Trip& t : c.trips.trips)
         if (half.count(t.agent_id)) expect += t.weight * 2.0;
-    w = 0;
-    for (const RouteKey& k : c.trips.route_keys) w += k.weight;
-    EXPECT_NEAR(w, expect, 1e-3);
+    EXPECT_NEAR(key_weight(), expect, 1e-3);
     // An unreachable key gets nothing back.
     c.trips.route_keys[0].reachable = false;
     resample_keys(c.trips, 1.0f);
@@ -180,17 +171,12 @@ TEST(Equilibrium, ProgressiveSamplingIsNestedAndScaled) {
 
     // The loop under a schedule: sampled iterations do not converge until the sample is whole.
     Corridor s(MacroModel::DTA_PointQueue, 5);
-    s.config.assignment.max_iterations = 6;
     s.config.assignment.sample_schedule = {0.25f, 0.25f, 1.0f};
-    AssignmentState state;
-    prepare_assignment(state, s.net, s.trips, s.adj, s.config, nullptr);
-    testing::internal::CaptureStdout();
-    std::vector<IterationRecord> recs = run_assignment(state);
-    const std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_NE(log.find("[sample] progressive schedule on; iter 0-1 at 25% sample -> "),
+    EXPECT_EQ(s.run(6).back().iter, 3);
+    EXPECT_NE(s.log.find("[sample] progressive schedule on; iter 0-1 at 25% sample -> "),
               std::string::npos);
-    EXPECT_NE(log.find("[sample] iter 3: refine 25% -> 100% ("), std::string::npos);
-    EXPECT_EQ(recs.back().iter, 3);  // converged once the whole demand was in
+    EXPECT_NE(s.log.find("[sample] iter 3: refine 25% -> 100% ("),
+              std::string::npos);  // converged once the whole demand was in
 }
 
 TEST(Equilibrium, SchedulesAndTheirDescription) {

@@ -80,14 +80,15 @@ TEST(NetworkLoading, WalkSpreadsSubSlotsAndStopsAtTheHorizon) {
     EXPECT_NEAR(total(table), 4 * 3 * 15.0 + 10 * 3.0, 1e-3);  // the zero-weight key loads nothing
 
     // 30-minute slots split into two sub-slots; slots below 15 minutes load nothing.
-    TripTable half = keys_on({{0, 10.0f}}, 30.0f);
-    half.route_keys[0].path_offset = 0, half.route_keys[0].n_links = 1;
-    load_paths_full(ctx, half, arena, table, nullptr);
+    auto one_key = [&](float slot_minutes) {
+        TripTable t = keys_on({{0, 10.0f}}, slot_minutes);
+        t.route_keys[0].path_offset = 0, t.route_keys[0].n_links = 1;
+        load_paths_full(ctx, t, arena, table, nullptr);
+    };
+    one_key(30.0f);
     EXPECT_FLOAT_EQ(table[0], 5.0f);
     EXPECT_FLOAT_EQ(table[1], 5.0f);
-    TripTable tiny = keys_on({{0, 10.0f}}, 10.0f);
-    tiny.route_keys[0].path_offset = 0, tiny.route_keys[0].n_links = 1;
-    load_paths_full(ctx, tiny, arena, table, nullptr);
+    one_key(10.0f);
     EXPECT_EQ(total(table), 0.0);
 }
 
@@ -111,18 +112,17 @@ TEST(NetworkLoading, OverlayFullDeltaAndThreadCounts) {
         key.n_links = b - a + 1;
         for (int l = a; l <= b; ++l) arena.push_back(l);
         trips.route_keys.push_back(key);
-        overlay.owner.push_back(-1);
-        overlay.new_offset.push_back(~0ull);
-        overlay.new_len.push_back(0);
-        if (k % 2 == 0) {
-            int t = k % 4 == 0 ? 0 : 1;
-            overlay.owner[k] = static_cast<int8_t>(t);
-            overlay.new_offset[k] = overlay.thread_arena[t].size();
-            int c = rng() % 12;
-            int len = k % 8 == 0 ? 0 : 1 + static_cast<int>(rng() % (12 - c));  // empty paths too
+        const int t = k % 4 == 0 ? 0 : 1;
+        const bool moves = k % 2 == 0;
+        overlay.owner.push_back(moves ? static_cast<int8_t>(t) : -1);
+        overlay.new_offset.push_back(moves ? overlay.thread_arena[t].size() : ~0ull);
+        int len = 0;
+        if (moves) {
+            const int c = rng() % 12;
+            len = k % 8 == 0 ? 0 : 1 + static_cast<int>(rng() % (12 - c));  // empty paths too
             for (int l = c; l < c + len; ++l) overlay.thread_arena[t].push_back(l);
-            overlay.new_len[k] = len;
         }
+        overlay.new_len.push_back(len);
     }
     LinkLoadContext ctx = context(net);
     std::vector<float> with_overlay, without, delta;
@@ -157,13 +157,13 @@ TEST(NetworkLoading, PointQueueConservesAndDelaysByMeanQueue) {
     l.inflow[119] = 80.0f;
     LinkLoadContext ctx = context(net);
     update_link_times(ctx);
-    EXPECT_FLOAT_EQ(l.volume[0], 50.0f);
-    EXPECT_FLOAT_EQ(l.volume[1], 50.0f);
+    // Mean of the opening and closing queue (0 and 50, then 50 and 0) over 200/60 veh/min.
+    for (int i : {0, 1}) {
+        EXPECT_FLOAT_EQ(l.volume[i], 50.0f);
+        EXPECT_FLOAT_EQ(l.travel_time_min[i], 25.0f / (200.0f / 60.0f) + 5.0f);
+    }
     EXPECT_FLOAT_EQ(l.volume[2], 0.0f);
     EXPECT_FLOAT_EQ(l.queue_veh[0], 50.0f);
-    // Mean of the opening (0) and closing (50) queue over 200/60 veh/min.
-    EXPECT_FLOAT_EQ(l.travel_time_min[0], 25.0f / (200.0f / 60.0f) + 5.0f);
-    EXPECT_FLOAT_EQ(l.travel_time_min[1], 25.0f / (200.0f / 60.0f) + 5.0f);
     EXPECT_FLOAT_EQ(l.travel_time_min[2], 5.0f);
     // A queue at the last interval just stays.
     EXPECT_FLOAT_EQ(l.queue_veh[119], 30.0f);
@@ -190,11 +190,9 @@ TEST(NetworkLoading, PointQueueConservesAndDelaysByMeanQueue) {
     LinkLoadContext ictx = context(idle);
     update_link_times(ictx);
     for (const Link& x : idle.links)
-        for (int i = 0; i < kIntervals; ++i) {
-            ASSERT_EQ(x.volume[i], 0.0f);
-            ASSERT_EQ(x.queue_veh[i], 0.0f);
-            ASSERT_EQ(x.travel_time_min[i], 3.0f);
-        }
+        for (int i = 0; i < kIntervals; ++i)
+            ASSERT_TRUE(x.volume[i] == 0 && x.queue_veh[i] == 0 && x.travel_time_min[i] == 3.0f)
+                << i;
 }
 
 TEST(NetworkLoading, LtmHoldsBeyondStorageAndSpillsUpstream) {

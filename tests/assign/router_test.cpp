@@ -2,11 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <deque>
 #include <limits>
 #include <random>
+#include <set>
+#include <tuple>
 
 #include "assign/test_graphs.h"
 #include "toll/toll_tables.h"
@@ -46,9 +47,8 @@ Reference reference_tree(const Network& net, int origin, float depart,
                 std::vector<uint8_t>(n, 0)};
     std::deque<int> queue{origin};
     std::vector<uint8_t> queued(n, 0);
-    r.labelled[origin] = 1;
+    r.labelled[origin] = queued[origin] = 1;
     r.time[origin] = depart;
-    queued[origin] = 1;
     while (!queue.empty()) {
         const int u = queue.front();
         queue.pop_front();
@@ -64,10 +64,7 @@ Reference reference_tree(const Network& net, int origin, float depart,
             r.cost[l.to] = c;
             r.time[l.to] = r.time[u] + l.travel_time_min[i];
             r.pred[l.to] = li;
-            if (!queued[l.to]) {
-                queued[l.to] = 1;
-                queue.push_back(l.to);
-            }
+            if (!queued[l.to]) queued[l.to] = 1, queue.push_back(l.to);
         }
     }
     return r;
@@ -100,8 +97,6 @@ RouteWeights random_weights(std::mt19937& rng, int trial) {
 // that do not change over the day priced by the full generalized cost.
 TEST(RouterTree, MatchesLabelCorrectingReferenceOnRandomGraphs) {
     std::mt19937 rng(7);
-    RouteScratch s;
-    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
     for (int trial = 0; trial < 80; ++trial) {
         const bool fifo = trial % 2 == 0;
         Network net = random_network(rng, 40, 160, 4,
@@ -114,10 +109,9 @@ TEST(RouterTree, MatchesLabelCorrectingReferenceOnRandomGraphs) {
         std::vector<uint8_t> mask;
         if (trial % 5 == 2) mask = {1, 0, 1, 0};
         const float depart = std::uniform_real_distribution<float>(0.0f, 1790.0f)(rng);
-        const std::vector<int32_t> targets = all_nodes(net);
-        s = RouteScratch{};  // a fresh network needs fresh node arrays
+        RouteScratch s;  // a fresh network needs fresh node arrays
         const int32_t settled =
-            route_tree(net, fixture::graph_of(net), 0, depart, mask, targets, s, w);
+            route_tree(net, fixture::graph_of(net), 0, depart, mask, all_nodes(net), s, w);
         const Reference ref = reference_tree(net, 0, depart, mask, w);
         int32_t reached = 0;
         for (int v = 0; v < net.node_count(); ++v) {
@@ -178,33 +172,26 @@ TEST(RouterTree, CertifiedShortestAndEarlyStopAgreesWithFullTree) {
         const float depart = 400.0f + 211.0f * trial;
         route_tree(net, fixture::graph_of(net), 0, depart, mask, all_nodes(net), s, w);
         certify_tree(net, s, 0, depart, mask, w);
-        std::vector<float> full_cost;
-        std::vector<uint32_t> full_stamp;
-        for (const RouteScratch::Label& l : s.labels) {
-            full_cost.push_back(l.cost);
-            full_stamp.push_back(l.stamp);
-        }
+        const std::vector<RouteScratch::Label> full = s.labels;
         const uint32_t full_version = s.version;
 
         // Early stop on a few targets, on the same scratch: stale stamps must not leak through.
         std::vector<int32_t> targets;
         std::uniform_int_distribution<int> node(1, net.node_count() - 1);
         for (int j = 0; j < 12; ++j) targets.push_back(node(rng));
+        const std::set<int32_t> uniq(targets.begin(), targets.end());
         int32_t expect_settled = 0;
-        std::vector<int32_t> uniq = targets;
-        std::sort(uniq.begin(), uniq.end());
-        uniq.erase(std::unique(uniq.begin(), uniq.end()), uniq.end());
-        for (int32_t t : uniq) expect_settled += full_stamp[t] == full_version;
+        for (int32_t t : uniq) expect_settled += full[t].stamp == full_version;
         EXPECT_EQ(route_tree(net, fixture::graph_of(net), 0, depart, mask, targets, s, w),
                   expect_settled);
         std::vector<int32_t> path;
         for (int32_t t : uniq) {
-            if (full_stamp[t] != full_version) {
+            if (full[t].stamp != full_version) {
                 EXPECT_FALSE(s.labels[t].stamp == s.version && s.target_settled[t]);
                 continue;
             }
             ASSERT_TRUE(s.target_settled[t]);
-            EXPECT_EQ(s.labels[t].cost, full_cost[t]);
+            EXPECT_EQ(s.labels[t].cost, full[t].cost);
             ASSERT_TRUE(rebuild_path(net, s, 0, t, path));
             // The path read out of the tree costs exactly the label when priced link by link
             // with the same weights, and runs origin to target without gaps.
@@ -216,7 +203,7 @@ TEST(RouterTree, CertifiedShortestAndEarlyStopAgreesWithFullTree) {
             EXPECT_EQ(at, t);
             EXPECT_EQ(path_cost(net, path.data(), static_cast<int32_t>(path.size()), depart,
                                 w.time_w, w.dist_w, w.toll_w),
-                      full_cost[t]);
+                      full[t].cost);
         }
     }
 }
@@ -231,29 +218,28 @@ TEST(RouterTree, TargetsOriginDuplicatesAndCentroids) {
     add_link(net, 1, 4, 4.0f);
     build_adjacency(net);
     RouteScratch s;
-    RouteWeights w;
+    auto tree = [&](const std::vector<int32_t>& targets) {
+        return route_tree(net, fixture::graph_of(net), 0, 480.0f, {}, targets, s, RouteWeights{});
+    };
 
     // No targets: nothing popped, nothing beyond the origin labelled.
-    EXPECT_EQ(route_tree(net, fixture::graph_of(net), 0, 480.0f, {}, {}, s, w), 0);
+    EXPECT_EQ(tree({}), 0);
     EXPECT_EQ(s.version, 1u);
     EXPECT_NE(s.labels[1].stamp, s.version);
     ASSERT_EQ(s.heap.size(), 1u);
 
     // Origin as target: settled at the first pop, empty path.
-    std::vector<int32_t> t0 = {0};
-    EXPECT_EQ(route_tree(net, fixture::graph_of(net), 0, 480.0f, {}, t0, s, w), 1);
+    EXPECT_EQ(tree({0}), 1);
     EXPECT_NE(s.labels[1].stamp, s.version) << "the tree must stop before expanding the origin";
     std::vector<int32_t> path = {99};
     EXPECT_TRUE(rebuild_path(net, s, 0, 0, path));
     EXPECT_TRUE(path.empty());
 
     // Duplicates count once; centroid 2 is reached but not passed through.
-    std::vector<int32_t> t1 = {2, 2, 4, 2};
-    EXPECT_EQ(route_tree(net, fixture::graph_of(net), 0, 480.0f, {}, t1, s, w), 2);
+    EXPECT_EQ(tree({2, 2, 4, 2}), 2);
     EXPECT_EQ(s.labels[2].cost, 5.0f);
     EXPECT_EQ(s.labels[4].cost, 6.0f);
-    std::vector<int32_t> t2 = {3};
-    EXPECT_EQ(route_tree(net, fixture::graph_of(net), 0, 480.0f, {}, t2, s, w), 0);
+    EXPECT_EQ(tree({3}), 0);
     EXPECT_NE(s.labels[3].stamp, s.version);
     EXPECT_FALSE(rebuild_path(net, s, 0, 3, path));
     EXPECT_TRUE(path.empty());
@@ -261,8 +247,7 @@ TEST(RouterTree, TargetsOriginDuplicatesAndCentroids) {
     EXPECT_EQ(s.version, 4u);
 
     // A broken predecessor chain is refused, not followed.
-    std::vector<int32_t> t3 = {2};
-    route_tree(net, fixture::graph_of(net), 0, 480.0f, {}, t3, s, w);
+    tree({2});
     s.labels[1].pred_link = -1;
     path = {7};
     EXPECT_FALSE(rebuild_path(net, s, 0, 2, path));
@@ -283,51 +268,47 @@ TEST(RouterTree, LateDepartureMasksBarsAndExclusions) {
     build_adjacency(net);
     RouteScratch s;
     RouteWeights w;
-    std::vector<int32_t> target = {3}, path;
+    const std::vector<int32_t> target = {3};
+    std::vector<int32_t> path;
+    // The label at node 3, or -1 when the tree does not settle exactly that one target.
+    auto cost = [&](float depart, const std::vector<uint8_t>& mask = {}) {
+        return route_tree(net, fixture::graph_of(net), 0, depart, mask, target, s, w) == 1
+                   ? s.labels[3].cost
+                   : -1.0f;
+    };
 
     // Past minute 1785 every link reads interval 119, and arrival runs beyond the horizon.
     for (Link& l : net.links)
         l.travel_time_min[119] = 10.0f + static_cast<float>(&l - &net.links[0]);
     net.links[0].travel_time_min[119] = 50.0f;
-    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 1790.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.labels[3].cost, 12.0f + 13.0f);
+    EXPECT_EQ(cost(1790.0f), 12.0f + 13.0f);
     EXPECT_EQ(s.labels[3].time, 1790.0f + 25.0f);
     ASSERT_TRUE(rebuild_path(net, s, 0, 3, path));
     EXPECT_EQ(path, (std::vector<int32_t>{2, 3}));
-    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 2500.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.labels[3].cost, 25.0f);
+    EXPECT_EQ(cost(2500.0f), 25.0f);
     for (Link& l : net.links) l.travel_time_min[119] = l.travel_time_min[0];
 
     // Mask without county 1 cuts the short route; links without a county pass any mask.
-    std::vector<uint8_t> mask = {1, 0, 0};
-    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 60.0f, mask, target, s, w), 1);
-    EXPECT_EQ(s.labels[3].cost, 4.0f);
-    mask = {0, 0, 0};
-    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 60.0f, mask, target, s, w), 1);
-    EXPECT_EQ(s.labels[3].cost, 4.0f);
-    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 60.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.labels[3].cost, 2.0f);
+    EXPECT_EQ(cost(60.0f, {1, 0, 0}), 4.0f);
+    EXPECT_EQ(cost(60.0f, {0, 0, 0}), 4.0f);
+    EXPECT_EQ(cost(60.0f), 2.0f);
 
     // Truck bar.
     net.links[1].no_trucks = 1;
-    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 60.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.labels[3].cost, 2.0f);
+    EXPECT_EQ(cost(60.0f), 2.0f);
     w.bar_no_trucks = true;
-    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 60.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.labels[3].cost, 4.0f);
+    EXPECT_EQ(cost(60.0f), 4.0f);
     w.bar_no_trucks = false;
 
     // A full exclusion set bars every FTYPE below 128, but FTYPE 200 cannot be excluded.
     w.exclude_lo = w.exclude_hi = ~uint64_t{0};
     EXPECT_EQ(route_tree(net, fixture::graph_of(net), 0, 60.0f, {}, target, s, w), 0);
     net.links[2].ftype = net.links[3].ftype = 200;
-    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 60.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.labels[3].cost, 4.0f);
+    EXPECT_EQ(cost(60.0f), 4.0f);
     net.links[0].ftype = 127;
     w.exclude_lo = 0;
     w.exclude_hi = uint64_t{1} << 63;  // FTYPE 127 only
-    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 60.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.labels[3].cost, 4.0f);
+    EXPECT_EQ(cost(60.0f), 4.0f);
 }
 
 TEST(RouterTree, AxleTollWeightsAndPureTimeSkipsTolls) {
@@ -341,12 +322,10 @@ TEST(RouterTree, AxleTollWeightsAndPureTimeSkipsTolls) {
     const RouteWeights w1 = route_weights_for_segment(trips, 0);
     const RouteWeights w2 = route_weights_for_segment(trips, 1);
     const RouteWeights w3 = route_weights_for_segment(trips, 2);
-    EXPECT_EQ(w1.toll_w, 0.5f);
-    EXPECT_EQ(w2.toll_w, 0.5f);
-    EXPECT_EQ(w3.toll_w, 1.0f);
-    EXPECT_FALSE(w1.bar_no_trucks);
-    EXPECT_FALSE(w2.bar_no_trucks);
-    EXPECT_TRUE(w3.bar_no_trucks);
+    // Three or more axles pay double and are barred where trucks are.
+    EXPECT_EQ(std::tuple(w1.toll_w, w2.toll_w, w3.toll_w), std::tuple(0.5f, 0.5f, 1.0f));
+    EXPECT_EQ(std::tuple(w1.bar_no_trucks, w2.bar_no_trucks, w3.bar_no_trucks),
+              std::tuple(false, false, true));
     EXPECT_EQ(w3.dist_w, 0.25f);
     EXPECT_EQ(w3.exclude_lo, 6u);
 
@@ -359,14 +338,18 @@ TEST(RouterTree, AxleTollWeightsAndPureTimeSkipsTolls) {
     net.links[0].toll = 4.0f;
     build_adjacency(net);
     RouteScratch s;
-    std::vector<int32_t> target = {2}, path;
-    RouteWeights a1 = w1, a3 = w3;
+    const std::vector<int32_t> target = {2};
+    std::vector<int32_t> path;
+    auto cost = [&](const RouteWeights& w) {
+        return route_tree(net, fixture::graph_of(net), 0, 0.0f, {}, target, s, w) == 1
+                   ? s.labels[2].cost
+                   : -1.0f;
+    };
+    RouteWeights a3 = w3;
     a3.dist_w = 0;
     a3.exclude_lo = 0;
-    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 0.0f, {}, target, s, a1), 1);
-    EXPECT_EQ(s.labels[2].cost, 5.0f);  // 4 * 0.5 + 3: cheaper than the 6-minute detour
-    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 0.0f, {}, target, s, a3), 1);
-    EXPECT_EQ(s.labels[2].cost, 6.0f);  // double toll 4 * 1 + 3 = 7: the detour wins
+    EXPECT_EQ(cost(w1), 5.0f);  // 4 * 0.5 + 3: cheaper than the 6-minute detour
+    EXPECT_EQ(cost(a3), 6.0f);  // double toll 4 * 1 + 3 = 7: the detour wins
     ASSERT_TRUE(rebuild_path(net, s, 0, 2, path));
     EXPECT_EQ(path, (std::vector<int32_t>{1, 2}));
     EXPECT_EQ(path_cost(net, path.data(), 2, 0.0f, 1.0f, 0.0f, 1.0f), 6.0f);
@@ -378,41 +361,30 @@ TEST(RouterTree, AxleTollWeightsAndPureTimeSkipsTolls) {
     // while path_cost always prices the toll.
     net.links[0].toll = std::numeric_limits<float>::infinity();
     RouteWeights pure;
-    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 0.0f, {}, target, s, pure), 1);
-    EXPECT_EQ(s.labels[2].cost, 3.0f);
+    EXPECT_EQ(cost(pure), 3.0f);
     EXPECT_TRUE(std::isnan(path_cost(net, &direct, 1, 0.0f, 1.0f, 0.0f, 0.0f)));
-    RouteWeights almost = pure;
-    almost.time_w = 1.0001f;  // not pure: the toll is evaluated, and inf * 0 spoils the label
-    route_tree(net, fixture::graph_of(net), 0, 0.0f, {}, target, s, almost);
+    pure.time_w = 1.0001f;  // not pure: the toll is evaluated, and inf * 0 spoils the label
+    route_tree(net, fixture::graph_of(net), 0, 0.0f, {}, target, s, pure);
     EXPECT_TRUE(std::isnan(s.labels[2].cost));
 }
 
 TEST(RouterTree, TiesKeepFirstLabelAndPopLowerNodeFirst) {
+    // Links are added in the order given; the predecessor at node 3 names the winner.
+    auto pred_at_3 = [](std::initializer_list<std::tuple<int, int, float>> links) {
+        Network net = make_nodes(5);
+        for (auto [a, b, tt] : links) add_link(net, a, b, tt);
+        build_adjacency(net);
+        RouteScratch s;
+        const std::vector<int32_t> target = {3};
+        EXPECT_EQ(route_tree(net, fixture::graph_of(net), 0, 0.0f, {}, target, s, {}), 1);
+        return s.labels[3].pred_link;
+    };
     // Origin 0 reaches 2 and 1 at equal cost, through links in that order; both lead to 3 at
-    // equal cost. The heap pops node 1 first, so 3 is labelled through 1 and keeps that label.
-    Network net = make_nodes(5);
-    add_link(net, 0, 2, 1.0f);  // link 0
-    add_link(net, 0, 1, 1.0f);  // link 1
-    add_link(net, 2, 3, 1.0f);  // link 2
-    add_link(net, 1, 3, 1.0f);  // link 3
-    build_adjacency(net);
-    RouteScratch s;
-    RouteWeights w;
-    std::vector<int32_t> target = {3};
-    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 0.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.labels[3].pred_link, 3);
-
-    // A direct link of equal total cost, relaxed first from the origin, is the first label at
-    // node 3 and stays there.
-    net.links.clear();
-    add_link(net, 0, 2, 1.0f);  // link 0
-    add_link(net, 0, 1, 1.0f);  // link 1
-    add_link(net, 0, 3, 2.0f);  // link 2
-    add_link(net, 1, 3, 1.0f);  // link 3
-    add_link(net, 2, 3, 1.0f);  // link 4
-    build_adjacency(net);
-    ASSERT_EQ(route_tree(net, fixture::graph_of(net), 0, 0.0f, {}, target, s, w), 1);
-    EXPECT_EQ(s.labels[3].pred_link, 2);
+    // equal cost. The heap pops node 1 first, so 3 is labelled through 1 (link 3) and keeps it.
+    EXPECT_EQ(pred_at_3({{0, 2, 1.0f}, {0, 1, 1.0f}, {2, 3, 1.0f}, {1, 3, 1.0f}}), 3);
+    // A direct link of equal total cost (link 2), relaxed first from the origin, is the first
+    // label at node 3 and stays there.
+    EXPECT_EQ(pred_at_3({{0, 2, 1.0f}, {0, 1, 1.0f}, {0, 3, 2.0f}, {1, 3, 1.0f}, {2, 3, 1.0f}}), 2);
 }
 
 }  // namespace

@@ -110,11 +110,8 @@ TEST(PathStore, GroupsInFirstAppearanceOrderAndSettings) {
     EXPECT_EQ(p.st.load.ltm_max_spillback_min, 7.5f);
     EXPECT_EQ(p.st.load.network, &p.net);
     EXPECT_TRUE(p.st.path_arena.empty());
-    for (const RouteKey& k : p.trips.route_keys) {
-        EXPECT_EQ(k.path_offset, -1);
-        EXPECT_EQ(k.n_links, 0);
-        EXPECT_TRUE(k.reachable);
-    }
+    for (const RouteKey& k : p.trips.route_keys)
+        EXPECT_TRUE(k.path_offset == -1 && k.n_links == 0 && k.reachable);
 }
 
 // Origin 0 to destination 3 by a fast narrow route A (0-1-3) or a slow wide route B (0-2-3).
@@ -134,10 +131,18 @@ void bottleneck(PassSetup& p, int chunks, int groups) {
 
 TEST(RoutingPass, ChunksAreDealtRoundRobinWithRefreshBetween) {
     const std::vector<int32_t> a = {0, 1}, b = {2, 3};
+    // Routes three groups in the given chunks and returns the pass's log.
+    IterationRecord r;
+    auto route = [&r](PassSetup& p, int chunks, bool frozen = false) {
+        bottleneck(p, chunks, 3);
+        p.st.frozen = frozen;
+        testing::internal::CaptureStdout();
+        r = p.pass(true, 1.0f);
+        return testing::internal::GetCapturedStdout();
+    };
     {
         PassSetup p;
-        bottleneck(p, 2, 3);  // chunk 0: groups 0 and 2, chunk 1: group 1
-        const IterationRecord r = p.pass(true, 1.0f);
+        route(p, 2);  // chunk 0: groups 0 and 2, chunk 1: group 1
         EXPECT_EQ(r.rerouted, 3);
         EXPECT_EQ(r.unreachable, 0);
         EXPECT_EQ(p.path_of(0), a);
@@ -149,10 +154,7 @@ TEST(RoutingPass, ChunksAreDealtRoundRobinWithRefreshBetween) {
     }
     for (int chunks : {0, -3, 1}) {
         PassSetup p;
-        bottleneck(p, chunks, 3);
-        testing::internal::CaptureStdout();
-        p.pass(true, 1.0f);
-        const std::string out = testing::internal::GetCapturedStdout();
+        const std::string out = route(p, chunks);
         EXPECT_NE(
             out.find("[iter 0] building initial free-flow paths for 0.0M keys (3 groups) in 1 "
                      "chunks on "),
@@ -165,15 +167,10 @@ TEST(RoutingPass, ChunksAreDealtRoundRobinWithRefreshBetween) {
     }
     {
         PassSetup p;
-        bottleneck(p, 5, 3);  // chunks 3 and 4 hold no group; the last one still refreshes
-        testing::internal::CaptureStdout();
-        p.pass(true, 1.0f);
-        const std::string out = testing::internal::GetCapturedStdout();
-        EXPECT_NE(out.find("chunk 5/5: 0.0M/0.0M keys routed + DNL refresh (100%)"),
-                  std::string::npos)
-            << out;
-        EXPECT_NE(out.find("chunk 4/5: 0.0M/0.0M keys routed + DNL refresh (100%)"),
-                  std::string::npos);
+        const std::string out = route(p, 5);  // chunks 3 and 4 hold no group; the last refreshes
+        for (const char* line : {"chunk 4/5: 0.0M/0.0M keys routed + DNL refresh (100%)",
+                                 "chunk 5/5: 0.0M/0.0M keys routed + DNL refresh (100%)"})
+            EXPECT_NE(out.find(line), std::string::npos) << out;
         EXPECT_EQ(p.path_of(0), a);
         EXPECT_EQ(p.path_of(1), b);
         EXPECT_EQ(p.path_of(2), b);
@@ -181,11 +178,8 @@ TEST(RoutingPass, ChunksAreDealtRoundRobinWithRefreshBetween) {
     }
     {
         PassSetup p;
-        bottleneck(p, 2, 3);
-        p.st.frozen = true;  // no refresh: every chunk sees free flow, and the line says so
-        testing::internal::CaptureStdout();
-        p.pass(true, 1.0f);
-        const std::string out = testing::internal::GetCapturedStdout();
+        // No refresh: every chunk sees free flow, and the line says so.
+        const std::string out = route(p, 2, true);
         EXPECT_NE(out.find("chunk 2/2: 0.0M/0.0M keys routed (100%), "), std::string::npos) << out;
         EXPECT_EQ(p.path_of(1), a);
         EXPECT_EQ(p.net.links[0].travel_time_min[34], 2.0f);
@@ -393,11 +387,10 @@ TEST(RoutingPass, SameResultOnOneAndTwoThreads) {
     ASSERT_EQ(k1.size(), k2.size());
     int64_t reachable = 0, gapped = 0;
     for (size_t k = 0; k < k1.size(); ++k) {
-        EXPECT_EQ(k1[k].path_offset, k2[k].path_offset);
-        EXPECT_EQ(k1[k].n_links, k2[k].n_links);
-        EXPECT_EQ(k1[k].best_imped, k2[k].best_imped);
-        EXPECT_EQ(k1[k].gap, k2[k].gap);
-        EXPECT_EQ(k1[k].reachable, k2[k].reachable);
+        EXPECT_TRUE(k1[k].path_offset == k2[k].path_offset && k1[k].n_links == k2[k].n_links &&
+                    k1[k].best_imped == k2[k].best_imped && k1[k].gap == k2[k].gap &&
+                    k1[k].reachable == k2[k].reachable)
+            << "key " << k;
         reachable += k1[k].reachable;
         gapped += k1[k].gap > 0.01f;
     }

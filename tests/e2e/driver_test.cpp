@@ -26,6 +26,11 @@ bool has_line(const std::string& text, const std::string& line) {
     return ("\n" + untimed(text)).find("\n" + line + "\n") != std::string::npos;
 }
 
+// "exit <code>: <standard error>" of a run.
+std::string ended(const RunResult& r) {
+    return "exit " + std::to_string(r.exit_code) + ": " + r.err;
+}
+
 // Two zones joined through a small road net: a freeway (11) with ramps (71), an arterial with
 // signals (3) and connectors (51). County "North" holds nodes 1-2, "South" nodes 3-4.
 struct Region {
@@ -68,19 +73,15 @@ TEST(DriverArguments, HelpUnknownAndMissingValues) {
     EXPECT_EQ(r.run_raw({"-h"}).out, help.out);
 
     RunResult upper = r.run_raw({"-H"});
-    EXPECT_EQ(upper.exit_code, 2);
-    EXPECT_EQ(upper.err, "unknown arg: -H\n");
+    EXPECT_EQ(ended(upper), "exit 2: unknown arg: -H\n");
     EXPECT_EQ(upper.out, help.out);
 
     // The first unknown argument ends the parse: a later --help is never reached.
-    RunResult bogus = r.run_raw({"--bogus", "--help"});
-    EXPECT_EQ(bogus.exit_code, 2);
-    EXPECT_EQ(bogus.err, "unknown arg: --bogus\n");
+    EXPECT_EQ(ended(r.run_raw({"--bogus", "--help"})), "exit 2: unknown arg: --bogus\n");
 
     RunResult dangling = r.run_raw({"--iters", "3", "--node"});
-    EXPECT_EQ(dangling.exit_code, 2);
+    EXPECT_EQ(ended(dangling), "exit 2: ");
     EXPECT_EQ(dangling.out, help.out);
-    EXPECT_EQ(dangling.err, "");
 
     RunResult no_trips = r.run_raw({"--node", "NODE.csv", "--link", "LINK.csv"});
     EXPECT_EQ(no_trips.exit_code, 2);
@@ -91,21 +92,17 @@ TEST(DriverArguments, HelpUnknownAndMissingValues) {
 TEST(DriverArguments, ControlFileFailuresAndConversions) {
     Region r;
     RunResult missing = r.run({"--control", "nope.ctl"});
-    EXPECT_EQ(missing.exit_code, 2);
-    EXPECT_EQ(missing.err, "cannot open control file nope.ctl\n");
+    EXPECT_EQ(ended(missing), "exit 2: cannot open control file nope.ctl\n");
     EXPECT_EQ(missing.out, "");  // no usage text for a control file failure
 
     r.control("bad.ctl", "# settings\nMAX_ITERATIONS 5\nSTA_VDF cubic\nRELATIVE_GAP 0.1\n");
-    RunResult refused = r.run({"--control", "bad.ctl"});
-    EXPECT_EQ(refused.exit_code, 2);
-    EXPECT_EQ(refused.err,
-              "[args] unknown STA_VDF 'cubic' (use bpr|conical|akcelik)\n"
+    EXPECT_EQ(ended(r.run({"--control", "bad.ctl"})),
+              "exit 2: [args] unknown STA_VDF 'cubic' (use bpr|conical|akcelik)\n"
               "bad.ctl(3): unknown control key STA_VDF\n");
 
     r.control("unknown.ctl", "\nWHATEVER 1\n");
-    RunResult unknown = r.run({"--control", "unknown.ctl"});
-    EXPECT_EQ(unknown.exit_code, 2);
-    EXPECT_EQ(unknown.err, "unknown.ctl(2): unknown control key WHATEVER\n");
+    EXPECT_EQ(ended(r.run({"--control", "unknown.ctl"})),
+              "exit 2: unknown.ctl(2): unknown control key WHATEVER\n");
 
     // Malformed numbers are not caught: the process ends abnormally with the conversion's text.
     RunResult bad_int = r.run({"--iters", "x"});
@@ -121,19 +118,16 @@ TEST(DriverArguments, ControlFileFailuresAndConversions) {
 TEST(DriverRun, LoaderErrorsGoThroughTheGuard) {
     Region r;
     RunResult no_nodes = r.run_raw({"--node", "missing.csv", "--link", "LINK.csv", "--trips", "T"});
-    EXPECT_EQ(no_nodes.exit_code, 1);
-    EXPECT_EQ(no_nodes.err, "error: cannot open missing.csv\n");
+    EXPECT_EQ(ended(no_nodes), "exit 1: error: cannot open missing.csv\n");
     EXPECT_TRUE(has_line(no_nodes.out, "[T] Morvane DTA run started"));
 
     write_file(r.dir.file("L2.csv"), "A,B,DISTANCE,NLANES,CAPACITY\n1,2,1,1,1\n");
-    RunResult no_ftype = r.run_raw({"--node", "NODE.csv", "--link", "L2.csv", "--trips", "T"});
-    EXPECT_EQ(no_ftype.exit_code, 1);
-    EXPECT_EQ(no_ftype.err, "error: L2.csv: missing required column FTYPE\n");
+    EXPECT_EQ(ended(r.run_raw({"--node", "NODE.csv", "--link", "L2.csv", "--trips", "T"})),
+              "exit 1: error: L2.csv: missing required column FTYPE\n");
 
     write_file(r.dir.file("empty.csv"), "");
-    RunResult empty = r.run_raw({"--node", "empty.csv", "--link", "LINK.csv", "--trips", "T"});
-    EXPECT_EQ(empty.exit_code, 1);
-    EXPECT_EQ(empty.err, "error: empty.csv: empty\n");
+    EXPECT_EQ(ended(r.run_raw({"--node", "empty.csv", "--link", "LINK.csv", "--trips", "T"})),
+              "exit 1: error: empty.csv: empty\n");
 }
 
 TEST(DriverRun, NetworkPhaseLinesAndClosingLine) {
@@ -214,9 +208,9 @@ TEST(DriverRun, StaticSettingsAndMesoFallback) {
     EXPECT_TRUE(has_line(sta.out,
                          "[T][sta-bpr] ROUTE_CHUNKS=5 ignored: all-or-nothing routes the "
                          "whole demand against one frozen cost field"));
-    EXPECT_TRUE(has_line(sta.err,
-                         "[T][flow-model] STA_BPR + meso is unsupported; meso ignored (1 "
-                         "dta_meso links -> BPR)"));
+    const std::string meso_ignored =
+        "[T][flow-model] STA_BPR + meso is unsupported; meso ignored (1 dta_meso links -> BPR)";
+    EXPECT_TRUE(has_line(sta.err, meso_ignored));
     EXPECT_TRUE(has_line(sta.out,
                          "[T][flow-model] macro=STA_BPR (static assignment, BPR VDF) | 0 LTM, "
                          "0 MESO, rest point queue"));
@@ -228,9 +222,7 @@ TEST(DriverRun, StaticSettingsAndMesoFallback) {
                          "[T][sta] VDF bpr | window 1 x 15 min = 15 min | solver: MSA (step 1/k)"));
     EXPECT_TRUE(has_line(quiet.out, "[T][sta] BPR beta x 2.000 above capacity (v/c > 1)"));
     EXPECT_EQ(quiet.out.find("ignored"), std::string::npos);
-    EXPECT_TRUE(has_line(quiet.err,
-                         "[T][flow-model] STA_BPR + meso is unsupported; meso ignored (1 "
-                         "dta_meso links -> BPR)"));
+    EXPECT_TRUE(has_line(quiet.err, meso_ignored));
 }
 
 TEST(DriverRun, DischargeSignalsAndMicroTags) {
@@ -264,12 +256,6 @@ TEST(DriverRun, DischargeSignalsAndMicroTags) {
     EXPECT_FALSE(file_exists(r.dir.file("o2/resolution_map.csv")));
 }
 
-}  // namespace
-}  // namespace torvex
-
-namespace torvex {
-namespace {
-
 TEST(DriverRun, TripsAndCountyFilter) {
     Region r;
     write_file(r.dir.file("TRIPS.csv"),
@@ -289,15 +275,12 @@ TEST(DriverRun, TripsAndCountyFilter) {
                          "dropped 1 veh of out-of-county demand"));
 
     RunResult south = r.run({"--county", "South"});
-    EXPECT_EQ(south.exit_code, 1);
+    EXPECT_EQ(ended(south), "exit 1: [county-filter] no intra-county trips\n");
     EXPECT_TRUE(has_line(south.out,
                          "[T][county-filter] South (id 1): kept 0 intra-county keys (0 veh), "
                          "dropped 3 veh of out-of-county demand"));
-    EXPECT_EQ(south.err, "[county-filter] no intra-county trips\n");
-
-    RunResult nowhere = r.run({"--county", "West"});
-    EXPECT_EQ(nowhere.exit_code, 1);
-    EXPECT_EQ(nowhere.err, "[county-filter] unknown county 'West'\n");
+    EXPECT_EQ(ended(r.run({"--county", "West"})),
+              "exit 1: [county-filter] unknown county 'West'\n");
 
     write_file(r.dir.file("TRIPS.csv"), "hh_id,O,D,hour\n1,100,100,8\n");
     RunResult none = r.run({});

@@ -54,10 +54,9 @@ TEST(NetworkLoader, ColumnsAliasesAndDefaults) {
     testing::internal::CaptureStderr();
     testing::internal::CaptureStdout();
     Network net = load_network(f.nodes, f.links);
-    std::string err = testing::internal::GetCapturedStderr();
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(err, "[network] warning: 1 links skipped (endpoint not in NODE.csv)\n");
-    EXPECT_EQ(out,
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "[network] warning: 1 links skipped (endpoint not in NODE.csv)\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "[network] 2 links tagged MESO via dta_meso column\n"
               "[network] 1 links tagged MICRO via dta_micro column\n");
 
@@ -85,9 +84,10 @@ TEST(NetworkLoader, ColumnsAliasesAndDefaults) {
     EXPECT_FLOAT_EQ(l12.alpha, 0.0f);  // an empty ALPHA field is 0, not the default
     EXPECT_FLOAT_EQ(l12.beta, 4.0f);
     EXPECT_FLOAT_EQ(l12.storage_veh, 1.5f * 240.0f * 3.0f);
-    for (float t : l12.travel_time_min) ASSERT_EQ(t, l12.free_flow_min);
-    for (int i = 0; i < kIntervals; ++i)
+    for (int i = 0; i < kIntervals; ++i) {
+        ASSERT_EQ(l12.travel_time_min[i], l12.free_flow_min);
         ASSERT_EQ(l12.volume[i] + l12.inflow[i] + l12.queue_veh[i], 0);
+    }
 
     const Link& l23 = link_ab(net, 2, 3);
     EXPECT_EQ(l23.lanes, 1);  // NLANES 0
@@ -128,10 +128,9 @@ TEST(NetworkLoader, AdjacencyCentroidsAndCounties) {
     ASSERT_EQ(net.county_names, (std::vector<std::string>{"A", "B"}));
 
     // Every link sits exactly once in out_links of its tail and in_links of its head; ascending.
-    for (const Node& n : net.nodes) {
-        EXPECT_TRUE(std::is_sorted(n.out_links.begin(), n.out_links.end()));
-        EXPECT_TRUE(std::is_sorted(n.in_links.begin(), n.in_links.end()));
-    }
+    for (const Node& n : net.nodes)
+        EXPECT_TRUE(std::is_sorted(n.out_links.begin(), n.out_links.end()) &&
+                    std::is_sorted(n.in_links.begin(), n.in_links.end()));
     for (int32_t i = 0; i < net.link_count(); ++i) {
         const auto& out = net.nodes[net.links[i].from].out_links;
         const auto& in = net.nodes[net.links[i].to].in_links;
@@ -154,8 +153,7 @@ TEST(NetworkLoader, AdjacencyCentroidsAndCounties) {
 
     CountyAdjacency adj = build_county_adjacency(net);
     ASSERT_EQ(adj.n, 2);
-    EXPECT_TRUE(adj.adjacent(0, 1));
-    EXPECT_TRUE(adj.adjacent(1, 0));
+    EXPECT_TRUE(adj.adjacent(0, 1) && adj.adjacent(1, 0));
     EXPECT_FALSE(adj.adjacent(0, 0));
     EXPECT_EQ(county_scope(0, 0, adj), 0);
     EXPECT_EQ(county_scope(0, 1, adj), 1);

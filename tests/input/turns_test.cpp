@@ -27,17 +27,14 @@ struct Loaded {
 
 Loaded load(const std::string& text) {
     TempDir dir;
-    const std::string path = dir.file("turns.csv");
-    write_file(path, text);
+    write_file(dir.file("turns.csv"), text);
     Network net = turn_net();
     Loaded out;
-    out.summary = load_turns(path, net, out.table);
+    out.summary = load_turns(dir.file("turns.csv"), net, out.table);
+    // Every row is counted once, and only resolved rows make entries.
+    EXPECT_EQ(out.summary.rows,
+              out.summary.prohibited + out.summary.penalized + out.summary.unresolved);
     return out;
-}
-
-// The entry of the movement from one link into the next, which must exist.
-const TurnEntry& entry(const Loaded& l, int32_t in_link, int32_t out_link) {
-    return l.table.entries.at(turn_key(in_link, out_link));
 }
 
 TEST(TurnTable, RowsResolveToTheLowestIndexedLinks) {
@@ -58,29 +55,20 @@ TEST(TurnTable, RowsResolveToTheLowestIndexedLinks) {
     EXPECT_EQ(l.summary.rows, 11);
     EXPECT_EQ(l.summary.prohibited, 2);
     EXPECT_EQ(l.summary.penalized, 5);
-    EXPECT_EQ(l.summary.unresolved, 4);
-    EXPECT_EQ(l.summary.rows, l.summary.prohibited + l.summary.penalized + l.summary.unresolved);
     ASSERT_EQ(l.table.entries.size(), 6u);
-
-    // Every key names two consecutive links through the movement's middle node.
-    const Network net = turn_net();
-    for (const auto& [key, e] : l.table.entries) {
-        const Link& in = net.links[static_cast<int32_t>(key >> 32)];
-        const Link& out = net.links[static_cast<int32_t>(key & 0xFFFFFFFFu)];
-        EXPECT_EQ(in.to, out.from);
+    // Link 0 is used, never the parallel link 1.
+    const struct {
+        int32_t in, out;
+        bool prohibited;
+        float penalty;
+    } want[] = {{0, 2, true, 0.0f},  {0, 3, false, 7.0f}, {4, 3, true, -1.0f},
+                {5, 0, false, 2.5f}, {4, 2, false, 1.0f}, {2, 4, false, 0.0f}};
+    for (const auto& w : want) {
+        ASSERT_EQ(l.table.entries.count(turn_key(w.in, w.out)), 1u) << w.in << "->" << w.out;
+        const TurnEntry& e = l.table.entries.at(turn_key(w.in, w.out));
+        EXPECT_EQ(bool(e.prohibited), w.prohibited) << w.in << "->" << w.out;
+        EXPECT_EQ(e.penalty_min, w.penalty) << w.in << "->" << w.out;
     }
-    EXPECT_TRUE(entry(l, 0, 2).prohibited);  // link 0, never the parallel link 1
-    EXPECT_EQ(entry(l, 0, 2).penalty_min, 0.0f);
-    EXPECT_EQ(l.table.entries.count(turn_key(1, 2)), 0u);
-    EXPECT_FALSE(entry(l, 0, 3).prohibited);
-    EXPECT_EQ(entry(l, 0, 3).penalty_min, 7.0f);
-    EXPECT_TRUE(entry(l, 4, 3).prohibited);
-    EXPECT_EQ(entry(l, 4, 3).penalty_min, -1.0f);
-    EXPECT_FALSE(entry(l, 5, 0).prohibited);
-    EXPECT_EQ(entry(l, 5, 0).penalty_min, 2.5f);
-    EXPECT_EQ(entry(l, 4, 2).penalty_min, 1.0f);
-    EXPECT_EQ(entry(l, 2, 4).penalty_min, 0.0f);
-    EXPECT_FALSE(entry(l, 2, 4).prohibited);
 }
 
 TEST(TurnTable, WithoutPenaltyColumnEveryRowProhibits) {
@@ -88,28 +76,16 @@ TEST(TurnTable, WithoutPenaltyColumnEveryRowProhibits) {
     const Loaded l = load("TO_NODE,THRU_NODE,FROM_NODE\n3,2,1\n4,2,3\n1,4,2\n5,2,1\n");
     EXPECT_EQ(l.summary.rows, 4);
     EXPECT_EQ(l.summary.prohibited, 3);
-    EXPECT_EQ(l.summary.penalized, 0);
     EXPECT_EQ(l.summary.unresolved, 1);  // 1->2->5 has no second link
-    EXPECT_TRUE(entry(l, 0, 2).prohibited);
-    EXPECT_TRUE(entry(l, 4, 3).prohibited);
-    EXPECT_TRUE(entry(l, 3, 5).prohibited);
+    for (auto [in, out] : {std::pair{0, 2}, {4, 3}, {3, 5}})
+        EXPECT_TRUE(l.table.entries.at(turn_key(in, out)).prohibited) << in << "->" << out;
 }
 
-TEST(TurnTable, HeaderOnlyAndSummaryLine) {
+TEST(TurnTable, HeaderOnlyFailuresAndSummaryLine) {
     const Loaded l = load("FROM_NODE,THRU_NODE,TO_NODE,PENALTY\n");
     EXPECT_EQ(l.summary.rows, 0);
     EXPECT_TRUE(l.table.entries.empty());
-    testing::internal::CaptureStdout();
-    print_turn_summary(TurnLoadSummary{12, 3, 4, 5});
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_TRUE(std::regex_match(
-        out,
-        std::regex(
-            R"(\[\d\d:\d\d:\d\d\]\[turns\] 12 rows: 3 prohibited, 4 penalized, 5 unresolved\n)")))
-        << out;
-}
 
-TEST(TurnTable, Failures) {
     TempDir dir;
     Network net = turn_net();
     auto error = [&](const std::string& path) -> std::string {
@@ -121,24 +97,25 @@ TEST(TurnTable, Failures) {
         }
         return "(no error)";
     };
-    const std::string missing = dir.file("nope.csv");
-    EXPECT_EQ(error(missing), "cannot open turn file " + missing);
-    const std::string empty = dir.file("empty.csv");
-    write_file(empty, "");
-    EXPECT_EQ(error(empty), empty + ": empty");
-    const std::string bad = dir.file("bad.csv");
+    const std::string f = dir.file("t.csv");
+    EXPECT_EQ(error(f), "cannot open turn file " + f);
+    write_file(f, "");
+    EXPECT_EQ(error(f), f + ": empty");
     for (const char* header : {"FROM_NODE,THRU_NODE\n", "FROM_NODE,TO_NODE,PENALTY\n",
                                "THRU_NODE,TO_NODE\n", "from_node,thru_node,to_node\n"}) {
-        write_file(bad, header);
-        EXPECT_EQ(error(bad), bad + ": need FROM_NODE,THRU_NODE,TO_NODE columns") << header;
+        write_file(f, header);
+        EXPECT_EQ(error(f), f + ": need FROM_NODE,THRU_NODE,TO_NODE columns") << header;
     }
+
+    testing::internal::CaptureStdout();
+    print_turn_summary(TurnLoadSummary{12, 3, 4, 5});
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(std::regex_match(
+        out,
+        std::regex(
+            R"(\[\d\d:\d\d:\d\d\]\[turns\] 12 rows: 3 prohibited, 4 penalized, 5 unresolved\n)")))
+        << out;
 }
-
-}  // namespace
-}  // namespace torvex
-
-namespace torvex {
-namespace {
 
 TEST(TurnTable, ArbitraryBytesAreCountedNotFatal) {
     std::string text = "FROM_NODE,THRU_NODE,TO_NODE,PENALTY\n1,2,3,-2\n";
@@ -150,14 +127,14 @@ TEST(TurnTable, ArbitraryBytesAreCountedNotFatal) {
     }
     const Loaded l = load(text);
     EXPECT_GT(l.summary.rows, 1000);
-    EXPECT_EQ(l.summary.rows, l.summary.prohibited + l.summary.penalized + l.summary.unresolved);
     EXPECT_LE(l.table.entries.size(), static_cast<size_t>(l.summary.rows - l.summary.unresolved));
-    // A prohibition carries 0 or a negative value; a penalty is never negative.
+    // Every key names two consecutive links; a prohibition carries 0 or a negative value, a
+    // penalty never a negative one.
+    const Network net = turn_net();
     for (const auto& [key, e] : l.table.entries) {
-        if (e.prohibited)
-            EXPECT_LE(e.penalty_min, 0.0f);
-        else
-            EXPECT_GE(e.penalty_min, 0.0f);
+        EXPECT_EQ(net.links[static_cast<int32_t>(key >> 32)].to,
+                  net.links[static_cast<int32_t>(key & 0xFFFFFFFFu)].from);
+        EXPECT_TRUE(e.prohibited ? e.penalty_min <= 0.0f : e.penalty_min >= 0.0f) << e.penalty_min;
     }
 }
 

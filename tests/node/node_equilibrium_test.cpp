@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "assign/equilibrium.h"
@@ -11,45 +12,44 @@
 namespace torvex {
 namespace {
 
-using fixture::TempDir;
-using fixture::write_file;
-
 // Twelve zones feed node 10; a short freeway (10-13-11, narrowing at 13) and a longer arterial
 // pair (10-12-11, narrowing at 12) lead to node 11 and the destination zone 2. The peak
 // overloads the freeway's narrowing, and its queue stands on the freeway's first link.
 constexpr int kZones = 12;
 
-struct Corridor {
-    TempDir dir;
-    Network net;
-    TripTable trips;
-    CountyAdjacency adj;
-    RunConfig config;
+TEST(NodeEquilibrium, GapFallsUnderBothReceivingModesAndMethods) {
+    std::string nodes = "N,X,Y\n2,9,0\n10,1,0\n11,5,0\n12,3,2\n13,4,0\n";
+    std::string links =
+        "A,B,DISTANCE,NLANES,CAPACITY,FTYPE,SPEED\n"
+        "10,13,5,2,2000,11,60\n13,11,0.2,2,750,11,60\n"
+        "10,12,3,2,1800,3,40\n12,11,3,1,900,3,40\n"
+        "11,2,0.1,1,9000,51,30\n2,11,0.1,1,9000,51,30\n";
+    std::string rows = "hh_id,O,D,hour\n";
+    int id = 0;
+    for (int z = 21; z < 21 + kZones; ++z) {
+        const std::string zone = std::to_string(z);
+        nodes += zone + ",0," + zone + "\n";
+        links += zone + ",10,0.1,1,9000,51,30\n10," + zone + ",0.1,1,9000,51,30\n";
+        for (int h = 7; h <= 9; ++h)
+            for (int t = 0; t < 180; ++t)
+                rows += std::to_string(++id) + "," + zone + ",2," + std::to_string(h) + "\n";
+    }
+    fixture::TempDir dir;
+    fixture::write_file(dir.file("N.csv"), nodes);
+    fixture::write_file(dir.file("L.csv"), links);
+    fixture::write_file(dir.file("T.csv"), rows);
 
-    Corridor(uint8_t node_mode, bool cumulative) {
-        std::string nodes = "N,X,Y\n2,9,0\n10,1,0\n11,5,0\n12,3,2\n13,4,0\n";
-        std::string links =
-            "A,B,DISTANCE,NLANES,CAPACITY,FTYPE,SPEED\n"
-            "10,13,5,2,2000,11,60\n13,11,0.2,2,750,11,60\n"
-            "10,12,3,2,1800,3,40\n12,11,3,1,900,3,40\n"
-            "11,2,0.1,1,9000,51,30\n2,11,0.1,1,9000,51,30\n";
-        std::string rows = "hh_id,O,D,hour\n";
-        int id = 0;
-        for (int z = 21; z < 21 + kZones; ++z) {
-            nodes += std::to_string(z) + ",0," + std::to_string(z) + "\n";
-            links += std::to_string(z) + ",10,0.1,1,9000,51,30\n10," + std::to_string(z) +
-                     ",0.1,1,9000,51,30\n";
-            for (int h = 7; h <= 9; ++h)
-                for (int t = 0; t < 180; ++t)
-                    rows += std::to_string(++id) + "," + std::to_string(z) + ",2," +
-                            std::to_string(h) + "\n";
-        }
-        write_file(dir.file("N.csv"), nodes);
-        write_file(dir.file("L.csv"), links);
-        write_file(dir.file("T.csv"), rows);
-        net = load_network(dir.file("N.csv"), dir.file("L.csv"));
-        adj = build_county_adjacency(net);
+    // Node mode (1 point queue, 2 spatial), cumulative method, node refresh period.
+    const std::tuple<uint8_t, bool, int> cases[] = {
+        {2, true, 0}, {1, true, 0}, {2, false, 0}, {2, true, 1}};
+    for (auto [node_mode, cumulative, every] : cases) {
+        SCOPED_TRACE(testing::Message() << "mode " << int(node_mode) << " cumulative " << cumulative
+                                        << " every " << every);
+        Network net = load_network(dir.file("N.csv"), dir.file("L.csv"));
+        const CountyAdjacency adj = build_county_adjacency(net);
+        TripTable trips;
         load_trips(dir.file("T.csv"), net, trips, 0, adj, 1);
+        RunConfig config;
         config.macro_model = node_mode == 1 ? MacroModel::DTA_NodePQ : MacroModel::DTA_NodeLTM;
         config.assignment.route_chunks = 2;
         config.assignment.node_mode = node_mode;
@@ -57,52 +57,35 @@ struct Corridor {
         config.assignment.node_cumulative = cumulative;
         config.assignment.max_iterations = 12;
         config.assignment.relative_gap = 1e-6f;
-    }
-};
-
-TEST(NodeEquilibrium, GapFallsUnderBothReceivingModesAndMethods) {
-    struct Case {
-        uint8_t node_mode;
-        bool cumulative;
-        int node_every;
-    };
-    for (const Case& k :
-         {Case{2, true, 0}, Case{1, true, 0}, Case{2, false, 0}, Case{2, true, 1}}) {
-        Corridor c(k.node_mode, k.cumulative);
-        c.config.assignment.node_refresh_every = k.node_every;
+        config.assignment.node_refresh_every = every;
         AssignmentState state;
-        prepare_assignment(state, c.net, c.trips, c.adj, c.config, nullptr);
+        prepare_assignment(state, net, trips, adj, config, nullptr);
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
         std::vector<IterationRecord> recs = run_assignment(state);
         testing::internal::GetCapturedStdout();
         const std::string err = testing::internal::GetCapturedStderr();
-        const std::string what = "mode " + std::to_string(k.node_mode) + " cumulative " +
-                                 std::to_string(k.cumulative) + " every " +
-                                 std::to_string(k.node_every);
-        ASSERT_GE(recs.size(), 3u) << what;
-        EXPECT_GT(recs[1].rel_gap, 0.05) << what;  // everyone on the freeway: congested
-        std::string gaps;
-        for (const IterationRecord& r : recs) gaps += " " + std::to_string(r.rel_gap);
+        ASSERT_GE(recs.size(), 3u);
+        EXPECT_GT(recs[1].rel_gap, 0.05);  // everyone on the freeway: congested
         // The loads swing from one iteration to the next; the last three together sit far below.
         const size_t n = recs.size();
         const double tail = (recs[n - 1].rel_gap + recs[n - 2].rel_gap + recs[n - 3].rel_gap) / 3;
-        EXPECT_LT(tail, recs[1].rel_gap * 0.3) << what << gaps;
+        EXPECT_LT(tail, recs[1].rel_gap * 0.3);
         // The loads at full weight (iteration 0 and 1) print their conservation line.
-        const std::string tag =
-            k.cumulative ? "[node-dnl/cumulative] conservation" : "[node-dnl] conservation";
-        EXPECT_NE(err.find(tag), std::string::npos) << what;
+        EXPECT_NE(
+            err.find(cumulative ? "[node-dnl/cumulative] conservation" : "[node-dnl] conservation"),
+            std::string::npos);
 
         // Both routes carry traffic, and everything reaches the destination connector.
         double freeway = 0, arterial = 0, into_dest = 0;
         for (int i = 0; i < kIntervals; ++i) {
-            freeway += c.net.links[1].volume[i];
-            arterial += c.net.links[2].volume[i];
-            into_dest += c.net.links[4].volume[i];
+            freeway += net.links[1].volume[i];
+            arterial += net.links[2].volume[i];
+            into_dest += net.links[4].volume[i];
         }
-        EXPECT_GT(freeway, 1000.0) << what;
-        EXPECT_GT(arterial, 500.0) << what;
-        EXPECT_NEAR(into_dest, kZones * 3 * 180, 1.0) << what;
+        EXPECT_GT(freeway, 1000.0);
+        EXPECT_GT(arterial, 500.0);
+        EXPECT_NEAR(into_dest, kZones * 3 * 180, 1.0);
     }
 }
 

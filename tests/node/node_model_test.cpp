@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
 #include "node_fixture.h"
@@ -9,23 +10,38 @@
 namespace torvex {
 namespace {
 
-using fixture::LinkSpec;
 using fixture::node_params;
 using fixture::NodeCase;
+
+// Loads with the conservation line on stderr swallowed.
+NodeLoadTotals quiet_load(NodeCase& c, const NodeLoadParams& p, const PathOverlay* ov = nullptr) {
+    testing::internal::CaptureStderr();
+    const NodeLoadTotals t = c.load(p, ov);
+    testing::internal::GetCapturedStderr();
+    return t;
+}
 
 // One link of 600 veh/h (10 per one-minute step), one minute of free flow; 1200 vehicles enter
 // at 20 a minute during the first hour. The queue grows by 10 a minute until minute 60 and then
 // drains at 10 a minute until minute 120.
 NodeCase bottleneck() {
     NodeCase c(2);
-    LinkSpec s;
-    s.capacity_vph = 600;
-    c.link(0, 1, s);
+    c.link(0, 1, {.capacity_vph = 600});
     c.key({0}, 0, 1200.0f);
     return c;
 }
 
-TEST(NodeModel, BottleneckQueueAndDelayByHand) {
+// Link a (0 -> 1) forks into b (1 -> 2) and d (1 -> 3).
+constexpr int32_t a = 0, b = 1, d = 2;
+NodeCase fork() {
+    NodeCase c(4);
+    c.link(0, 1);
+    c.link(1, 2);
+    c.link(1, 3);
+    return c;
+}
+
+TEST(NodeModel, BottleneckQueueDelayAndBlendByHand) {
     // Cumulative: after the moves of minute t the backlog beyond one step's capacity is
     // 20(t-1) - 10(t-1) - 10 = 10(t-2) while vehicles arrive, then 1200 - 10t; the interval means
     // over steps 1-15, 16-30, ... are 60.67, 210, 360, 510 and 520 vehicles.
@@ -33,6 +49,7 @@ TEST(NodeModel, BottleneckQueueAndDelayByHand) {
     const double cumulative[] = {910.0 / 15, 210, 360, 510, 520};
     const double stepping[] = {70, 220, 370, 520, 530};
     for (uint8_t method : {1, 0}) {
+        const double* queue = method == 1 ? cumulative : stepping;
         NodeCase c = bottleneck();
         testing::internal::CaptureStderr();
         const NodeLoadTotals t = c.load(node_params(method, true, 60.0f, 1.0f));
@@ -42,14 +59,12 @@ TEST(NodeModel, BottleneckQueueAndDelayByHand) {
         EXPECT_NEAR(t.on_network_end, 0.0, 1e-9);
         const Link& l = c.net.links[0];
         for (int v = 0; v < 5; ++v) {
-            const double q = method == 1 ? cumulative[v] : stepping[v];
-            EXPECT_NEAR(l.queue_veh[v], q, 1e-3) << int(method) << " interval " << v;
-            EXPECT_NEAR(l.travel_time_min[v], 1.0 + q / 10.0, 1e-4) << int(method);
+            EXPECT_NEAR(l.queue_veh[v], queue[v], 1e-3) << int(method) << " interval " << v;
+            EXPECT_NEAR(l.travel_time_min[v], 1.0 + queue[v] / 10.0, 1e-4) << int(method);
         }
         // Discharge at capacity from the second minute to minute 120.
-        EXPECT_NEAR(l.volume[0], 140.0, 1e-6);
-        for (int v = 1; v <= 7; ++v) EXPECT_NEAR(l.volume[v], 150.0, 1e-6);
-        EXPECT_NEAR(l.volume[8], 10.0, 1e-6);
+        for (int v = 0; v <= 8; ++v)
+            EXPECT_NEAR(l.volume[v], v == 0 ? 140.0 : v == 8 ? 10.0 : 150.0, 1e-6) << v;
         EXPECT_EQ(l.volume[9], 0.0f);
         EXPECT_EQ(l.queue_veh[9], 0.0f);
         EXPECT_EQ(l.travel_time_min[9], 1.0f);
@@ -57,65 +72,50 @@ TEST(NodeModel, BottleneckQueueAndDelayByHand) {
         EXPECT_EQ(err, tag +
                            " conservation: injected=1200 exited=1200 on_network_end=0 (0.00% "
                            "parked) | balance=0.0 veh (0.00000%)\n");
-    }
-}
 
-TEST(NodeModel, BlendMovesTravelTimesOnlyAndLeavesIdleLinksAlone) {
-    for (uint8_t method : {1, 0}) {
-        NodeCase c = bottleneck();
-        const int32_t idle = c.link(1, 0);
-        for (Link& l : c.net.links) {
-            for (int v = 0; v < kIntervals; ++v) {
-                l.travel_time_min[v] = 100.0f;
-                l.volume[v] = 7.0f;
-                l.queue_veh[v] = 3.0f;
-            }
+        // Blending moves travel times only and leaves links without demand alone.
+        NodeCase h = bottleneck();
+        const int32_t idle = h.link(1, 0);
+        for (Link& k : h.net.links) {
+            std::fill_n(k.travel_time_min, kIntervals, 100.0f);
+            std::fill_n(k.volume, kIntervals, 7.0f);
+            std::fill_n(k.queue_veh, kIntervals, 3.0f);
         }
         NodeLoadParams p = node_params(method, true, 60.0f, 1.0f);
         p.blend = 0.5f;
         testing::internal::CaptureStderr();
-        c.load(p);
+        h.load(p);
         EXPECT_EQ(testing::internal::GetCapturedStderr(), "");  // no line below full weight
-        const Link& l = c.net.links[0];
-        const double q1 = method == 1 ? 210.0 : 220.0;
-        EXPECT_NEAR(l.travel_time_min[1], 0.5 * (1.0 + q1 / 10.0) + 50.0, 1e-4);
-        EXPECT_NEAR(l.travel_time_min[50], 0.5 * 1.0 + 50.0, 1e-5);
-        EXPECT_NEAR(l.volume[1], 150.0, 1e-6);  // replaced in full
-        EXPECT_NEAR(l.queue_veh[1], q1, 1e-3);
-        EXPECT_EQ(l.volume[50], 0.0f);
-        for (int v = 0; v < kIntervals; ++v) {
-            ASSERT_EQ(c.net.links[idle].travel_time_min[v], 100.0f);
-            ASSERT_EQ(c.net.links[idle].volume[v], 7.0f);
-            ASSERT_EQ(c.net.links[idle].queue_veh[v], 3.0f);
-        }
+        const Link& m = h.net.links[0];
+        EXPECT_NEAR(m.travel_time_min[1], 0.5 * (1.0 + queue[1] / 10.0) + 50.0, 1e-4);
+        EXPECT_NEAR(m.travel_time_min[50], 0.5 * 1.0 + 50.0, 1e-5);
+        EXPECT_NEAR(m.volume[1], 150.0, 1e-6);  // replaced in full
+        EXPECT_NEAR(m.queue_veh[1], queue[1], 1e-3);
+        EXPECT_EQ(m.volume[50], 0.0f);
+        const Link& i = h.net.links[idle];
+        for (int v = 0; v < kIntervals; ++v)
+            ASSERT_TRUE(i.travel_time_min[v] == 100.0f && i.volume[v] == 7.0f &&
+                        i.queue_veh[v] == 3.0f)
+                << v;
     }
 }
 
 TEST(NodeModel, MergeOfSixtyAndFortyIntoFiftyPassesThirtyAndTwenty) {
     for (uint8_t method : {1, 0}) {
         for (bool spatial : {true, false}) {
-            NodeCase c(4);
-            LinkSpec a, b, out;
-            a.capacity_vph = 3600;    // 60 a step
-            b.capacity_vph = 2400;    // 40 a step
-            out.capacity_vph = 3000;  // 50 a step
-            const int32_t la = c.link(0, 2, a);
-            const int32_t lb = c.link(1, 2, b);
-            const int32_t lc = c.link(2, 3, out);
+            NodeCase c(4);  // 60, 40 and 50 a step
+            const int32_t la = c.link(0, 2, {.capacity_vph = 3600});
+            const int32_t lb = c.link(1, 2, {.capacity_vph = 2400});
+            const int32_t lc = c.link(2, 3, {.capacity_vph = 3000});
             c.key({la, lc}, 0, 9000.0f);  // 150 a minute: a always has more than it can send
             c.key({lb, lc}, 0, 6000.0f);
-            testing::internal::CaptureStderr();
-            const NodeLoadTotals t = c.load(node_params(method, spatial, 60.0f, 1.0f));
-            testing::internal::GetCapturedStderr();
-            for (int v = 1; v <= 3; ++v) {
-                EXPECT_NEAR(c.net.links[la].volume[v], 30.0 * 15, 1e-6) << int(method);
-                EXPECT_NEAR(c.net.links[lb].volume[v], 20.0 * 15, 1e-6) << int(method);
-                EXPECT_NEAR(c.net.links[lc].volume[v], 50.0 * 15, 1e-6) << int(method);
-            }
+            const NodeLoadTotals t = quiet_load(c, node_params(method, spatial, 60.0f, 1.0f));
+            const double passed[] = {30, 20, 50};  // a step, on la, lb and lc
+            for (int v = 1; v <= 3; ++v)
+                for (int32_t l : {la, lb, lc})
+                    EXPECT_NEAR(c.net.links[l].volume[v], passed[l] * 15, 1e-6) << int(method);
             // The merge link flows exactly at capacity: it shows no delay of its own.
-            if (method == 1) {
-                EXPECT_EQ(c.net.links[lc].queue_veh[2], 0.0f);
-            }
+            EXPECT_EQ(method == 1 ? c.net.links[lc].queue_veh[2] : 0.0f, 0.0f);
             EXPECT_GT(c.net.links[la].queue_veh[2], 0.0f);
             EXPECT_NEAR(t.injected, t.exited + t.on_network_end, 1e-6);
             EXPECT_NEAR(t.injected, 15000.0, 1e-6);
@@ -125,85 +125,74 @@ TEST(NodeModel, MergeOfSixtyAndFortyIntoFiftyPassesThirtyAndTwenty) {
 
 // W (one minute) feeds X (ten minutes, storage 200, 600 veh/h, wave speed 600 / 220 mph); a pulse
 // of 200 vehicles fills X at minute 30 while 300 vehicles wait on W.
-struct SpillCase {
-    NodeCase c{3};
-    int32_t w = 0, x = 0;
-    explicit SpillCase(float x_length) {
-        LinkSpec sw, sx;
-        sw.capacity_vph = 600;
-        sx.capacity_vph = 600;
-        sx.free_flow_min = 10;
-        sx.storage_veh = 200;
-        sx.length_mi = x_length;
-        sx.speed_mph = 30;
-        w = c.link(0, 1, sw);
-        x = c.link(1, 2, sx);
-        c.key({x}, 0, 200.0f);
-        c.key({w, x}, 0, 300.0f);
-    }
-};
+constexpr int32_t w = 0, x = 1;
+NodeCase spill(float x_length) {
+    NodeCase c(3);
+    c.link(0, 1, {.capacity_vph = 600});
+    c.link(1, 2, {600, 10, 200, x_length, 30});  // capacity, free flow, storage, length, speed
+    c.key({x}, 0, 200.0f);
+    c.key({w, x}, 0, 300.0f);
+    return c;
+}
 
 TEST(NodeModel, SpillbackReachesUpstreamAfterTheBackwardWave) {
     // X first discharges in minute 41. Its room reaches W one wave time later: 44 minutes for
     // 2 miles (minute 85, interval 5), 22 minutes for 1 mile (minute 63, interval 4).
     for (float len : {2.0f, 1.0f}) {
-        SpillCase s(len);
-        testing::internal::CaptureStderr();
-        const NodeLoadTotals t = s.c.load(node_params(1, true, 60.0f, 60.0f));
-        testing::internal::GetCapturedStderr();
-        const Link& w = s.c.net.links[s.w];
+        NodeCase c = spill(len);
+        const NodeLoadTotals t = quiet_load(c, node_params(1, true, 60.0f, 60.0f));
+        const Link& lw = c.net.links[w];
         const int first = len == 2.0f ? 5 : 4;
-        for (int v = 0; v < first; ++v) EXPECT_EQ(w.volume[v], 0.0f) << len << " " << v;
-        EXPECT_GT(w.volume[first], 0.0f) << len;
-        EXPECT_GT(w.queue_veh[first - 1], 250.0f);  // W holds its vehicles meanwhile
-        EXPECT_NEAR(s.c.volume_sum(s.w), 300.0, 1e-6);
-        EXPECT_NEAR(s.c.volume_sum(s.x), 500.0, 1e-6);
+        for (int v = 0; v < first; ++v) EXPECT_EQ(lw.volume[v], 0.0f) << len << " " << v;
+        EXPECT_GT(lw.volume[first], 0.0f) << len;
+        EXPECT_GT(lw.queue_veh[first - 1], 250.0f);  // W holds its vehicles meanwhile
+        EXPECT_NEAR(c.volume_sum(w), 300.0, 1e-6);
+        EXPECT_NEAR(c.volume_sum(x), 500.0, 1e-6);
         EXPECT_NEAR(t.injected - t.exited - t.on_network_end, 0.0, 1e-6);
     }
     // Point-queue receiving never looks at storage: W discharges at its own capacity from
     // minute 32 as if X were empty, and X's storage is never consulted.
     for (uint8_t method : {1, 0}) {
-        SpillCase s(2.0f);
-        testing::internal::CaptureStderr();
-        s.c.load(node_params(method, false, 60.0f, 60.0f));
-        testing::internal::GetCapturedStderr();
-        const Link& w = s.c.net.links[s.w];
-        EXPECT_NEAR(w.volume[2], 140.0, 1e-6) << int(method);
-        EXPECT_NEAR(w.volume[3], 150.0, 1e-6) << int(method);
-        EXPECT_NEAR(s.c.volume_sum(s.w), 300.0, 1e-6);
-        EXPECT_GT(s.c.net.links[s.x].queue_veh[3], 100.0f);
+        NodeCase c = spill(2.0f);
+        quiet_load(c, node_params(method, false, 60.0f, 60.0f));
+        EXPECT_NEAR(c.net.links[w].volume[2], 140.0, 1e-6) << int(method);
+        EXPECT_NEAR(c.net.links[w].volume[3], 150.0, 1e-6) << int(method);
+        EXPECT_NEAR(c.volume_sum(w), 300.0, 1e-6);
+        EXPECT_GT(c.net.links[x].queue_veh[3], 100.0f);
     }
     // Queue stepping frees room at once: W moves again in the minute after X first discharges
     // (minute 41, interval 2), having waited since minute 31.
-    {
-        SpillCase s(2.0f);
-        testing::internal::CaptureStderr();
-        s.c.load(node_params(0, true, 60.0f, 60.0f));
-        testing::internal::GetCapturedStderr();
-        const Link& w = s.c.net.links[s.w];
-        EXPECT_GT(w.volume[2], 0.0f);
-        EXPECT_LT(w.volume[2], 60.0f);
-        EXPECT_GT(w.queue_veh[2], 200.0f);
-    }
+    NodeCase c = spill(2.0f);
+    quiet_load(c, node_params(0, true, 60.0f, 60.0f));
+    EXPECT_GT(c.net.links[w].volume[2], 0.0f);
+    EXPECT_LT(c.net.links[w].volume[2], 60.0f);
+    EXPECT_GT(c.net.links[w].queue_veh[2], 200.0f);
 }
 
-TEST(NodeModel, LinkShorterThanOneStepTakesTheNextStep) {
+TEST(NodeModel, ShortLinksLateDeparturesAndSpreading) {
     for (uint8_t method : {1, 0}) {
+        // A link shorter than one step takes the next step; 120 a step moves the group at once.
         NodeCase c(3);
-        LinkSpec s;
-        s.capacity_vph = 7200;  // 120 a step: the whole group moves at once
-        s.free_flow_min = 0.2f;
-        const int32_t a = c.link(0, 1, s);
-        const int32_t b = c.link(1, 2, s);
+        const int32_t l1 = c.link(0, 1, {.capacity_vph = 7200, .free_flow_min = 0.2f});
+        const int32_t l2 = c.link(1, 2, {.capacity_vph = 7200, .free_flow_min = 0.2f});
         c.trips.slot_minutes = 29.0f;  // one part at minute 14.5: the last step of interval 0
-        c.key({a, b}, 0, 100.0f);
-        testing::internal::CaptureStderr();
-        const NodeLoadTotals t = c.load(node_params(method, true, 60.0f, 29.0f));
-        testing::internal::GetCapturedStderr();
-        EXPECT_EQ(c.net.links[a].volume[0], 0.0f) << int(method);
-        EXPECT_NEAR(c.net.links[a].volume[1], 100.0, 1e-6) << int(method);
-        EXPECT_NEAR(c.net.links[b].volume[1], 100.0, 1e-6) << int(method);
+        c.key({l1, l2}, 0, 100.0f);
+        NodeLoadTotals t = quiet_load(c, node_params(method, true, 60.0f, 29.0f));
+        EXPECT_EQ(c.net.links[l1].volume[0], 0.0f) << int(method);
+        EXPECT_NEAR(c.net.links[l1].volume[1], 100.0, 1e-6) << int(method);
+        EXPECT_NEAR(c.net.links[l2].volume[1], 100.0, 1e-6) << int(method);
         EXPECT_NEAR(t.exited, 100.0, 1e-9);
+
+        // A departure from minute 1800 counts in the shares but is never injected: half of what
+        // is on a turns towards d.
+        NodeCase f = fork();
+        f.key({a, b}, 0, 100.0f);
+        f.key({a, d}, 30, 100.0f);
+        t = quiet_load(f, node_params(method, true));
+        EXPECT_DOUBLE_EQ(t.injected, 100.0);
+        EXPECT_NEAR(t.exited, 100.0, 1e-9);
+        EXPECT_NEAR(f.volume_sum(b), 50.0, 1e-6);
+        EXPECT_NEAR(f.volume_sum(d), 50.0, 1e-6);
     }
     // Steps below one second are one second.
     NodeCase c = bottleneck();
@@ -211,55 +200,30 @@ TEST(NodeModel, LinkShorterThanOneStepTakesTheNextStep) {
     prepare_node_load(c.net, c.trips, c.arena, node_params(1, true, 0.25f), nullptr, prep);
     EXPECT_EQ(prep.dt, 1.0f);
     EXPECT_EQ(prep.num_steps, 108000);
-}
-
-TEST(NodeModel, LateDeparturesCountInSharesButAreNeverInjected) {
-    for (uint8_t method : {1, 0}) {
-        NodeCase c(4);
-        const int32_t a = c.link(0, 1);
-        const int32_t b = c.link(1, 2);
-        const int32_t d = c.link(1, 3);
-        c.key({a, b}, 0, 100.0f);
-        c.key({a, d}, 30, 100.0f);  // departs from minute 1800
-        testing::internal::CaptureStderr();
-        const NodeLoadTotals t = c.load(node_params(method, true));
-        testing::internal::GetCapturedStderr();
-        EXPECT_DOUBLE_EQ(t.injected, 100.0);
-        EXPECT_NEAR(t.exited, 100.0, 1e-9);
-        // Shares come from both keys: half of what is on a turns towards d.
-        EXPECT_NEAR(c.volume_sum(b), 50.0, 1e-6);
-        EXPECT_NEAR(c.volume_sum(d), 50.0, 1e-6);
-    }
     // Spreading: four parts at minutes 7.5, 22.5, 37.5 and 52.5; a resolution of 0 caps at 120.
-    NodeCase c(2);
-    c.link(0, 1);
-    c.key({0}, 0, 100.0f);
-    NodePrep prep;
-    prepare_node_load(c.net, c.trips, c.arena, node_params(1, true), nullptr, prep);
+    NodeCase s(2);
+    s.link(0, 1);
+    s.key({0}, 0, 100.0f);
+    prepare_node_load(s.net, s.trips, s.arena, node_params(1, true), nullptr, prep);
     ASSERT_EQ(prep.inject.size(), 4u);
-    for (int s : {7, 22, 37, 52}) {
-        ASSERT_EQ(prep.inject_begin[s + 1] - prep.inject_begin[s], 1) << s;
-        EXPECT_DOUBLE_EQ(prep.inject[prep.inject_begin[s]].veh, 25.0);
+    for (int m : {7, 22, 37, 52}) {
+        ASSERT_EQ(prep.inject_begin[m + 1] - prep.inject_begin[m], 1) << m;
+        EXPECT_DOUBLE_EQ(prep.inject[prep.inject_begin[m]].veh, 25.0);
     }
-    prepare_node_load(c.net, c.trips, c.arena, node_params(1, true, 60.0f, 0.0f), nullptr, prep);
+    prepare_node_load(s.net, s.trips, s.arena, node_params(1, true, 60.0f, 0.0f), nullptr, prep);
     EXPECT_EQ(prep.inject.size(), 120u);
 }
 
-TEST(NodeModel, IntervalTurnsFollowWhenVehiclesReachTheNode) {
+TEST(NodeModel, IntervalTurnsAndOverlayPaths) {
     // Early vehicles all turn to b, late ones all to d; static shares split both halves.
     for (bool interval_turns : {true, false}) {
         for (uint8_t method : {0, 1}) {
-            NodeCase c(4);
-            const int32_t a = c.link(0, 1);
-            const int32_t b = c.link(1, 2);
-            const int32_t d = c.link(1, 3);
+            NodeCase c = fork();
             c.key({a, b}, 0, 100.0f);
             c.key({a, d}, 10, 100.0f);
             NodeLoadParams p = node_params(method, true);
             p.interval_turns = interval_turns;
-            testing::internal::CaptureStderr();
-            c.load(p);
-            testing::internal::GetCapturedStderr();
+            quiet_load(c, p);
             double early_d = 0, late_b = 0;
             for (int v = 0; v < 8; ++v) early_d += c.net.links[d].volume[v];
             for (int v = 40; v < 48; ++v) late_b += c.net.links[b].volume[v];
@@ -269,24 +233,16 @@ TEST(NodeModel, IntervalTurnsFollowWhenVehiclesReachTheNode) {
             EXPECT_NEAR(c.volume_sum(b) + c.volume_sum(d), 200.0, 1e-6);
         }
     }
-}
-
-TEST(NodeModel, OverlayPathWinsEvenWhenEmpty) {
-    NodeCase c(4);
-    const int32_t a = c.link(0, 1);
-    const int32_t b = c.link(1, 2);
-    const int32_t d = c.link(1, 3);
+    // An overlay path wins even when it is empty: the second key's new path loads nothing.
+    NodeCase c = fork();
     c.key({a, b}, 0, 100.0f);
     c.key({a, b}, 1, 40.0f);
     PathOverlay ov;
     ov.owner = {0, 0};
     ov.thread_arena = {{a, d}};
     ov.new_offset = {0, 2};
-    ov.new_len = {2, 0};  // the second key's new path is empty: it loads nothing
-    testing::internal::CaptureStderr();
-    const NodeLoadTotals t = c.load(node_params(1, true), &ov);
-    testing::internal::GetCapturedStderr();
-    EXPECT_DOUBLE_EQ(t.injected, 100.0);
+    ov.new_len = {2, 0};
+    EXPECT_DOUBLE_EQ(quiet_load(c, node_params(1, true), &ov).injected, 100.0);
     EXPECT_NEAR(c.volume_sum(d), 100.0, 1e-6);
     EXPECT_EQ(c.volume_sum(b), 0.0);
 }

@@ -10,6 +10,7 @@
 #include <limits>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "support/test_files.h"
 
@@ -28,38 +29,19 @@ std::string ref(float v, int d) {
 }
 
 TEST(CsvFormat, FixedMatchesPrintfOnEveryKindOfValue) {
-    // Exact ties at each precision: printf rounds them to even, so must we.
-    const float ties[] = {0.5f,    1.5f,    2.5f,    -2.5f,   0.25f,      0.75f,    0.125f,
-                          0.375f,  -0.625f, 0.0625f, 1.0625f, 2.0625f,    0.03125f, 0.15625f,
-                          0.5625f, 1.4375f, 1023.5f, -3.125f, 8388607.5f, 0.00125f};
-    const float specials[] = {0.0f,
-                              -0.0f,
-                              -0.001f,
-                              -0.0049f,
-                              0.005f,
-                              0.015f,
-                              0.045f,
-                              1e-45f,
-                              -1e-45f,
-                              FLT_MIN,
-                              FLT_MAX,
-                              -FLT_MAX,
-                              1e15f,
-                              9.99999e14f,
-                              1.0e16f,
-                              123456789.0f,
-                              16777217.0f,
-                              std::numeric_limits<float>::infinity(),
-                              -std::numeric_limits<float>::infinity(),
-                              std::numeric_limits<float>::quiet_NaN(),
-                              -std::numeric_limits<float>::quiet_NaN()};
-    for (int d = 0; d <= 4; ++d) {
-        for (float v : ties) EXPECT_EQ(hand(v, d), ref(v, d)) << v << " d=" << d;
-        for (float v : specials) EXPECT_EQ(hand(v, d), ref(v, d)) << v << " d=" << d;
-    }
-    EXPECT_EQ(hand(2.5f, 0), "2");
-    EXPECT_EQ(hand(0.125f, 2), "0.12");
-    EXPECT_EQ(hand(-0.001f, 2), "-0.00");
+    const float inf = std::numeric_limits<float>::infinity();
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    // Exact ties at each precision (printf rounds them to even, so must we), then signed zeros,
+    // subnormals, extremes, values past 2^24 and the non-finite ones.
+    const float values[] = {0.5f,        1.5f,     2.5f,    -2.5f,       0.25f,   0.75f,
+                            0.125f,      0.375f,   -0.625f, 0.0625f,     1.0625f, 2.0625f,
+                            0.03125f,    0.15625f, 0.5625f, 1.4375f,     1023.5f, -3.125f,
+                            8388607.5f,  0.00125f, 0.0f,    -0.0f,       -0.001f, -0.0049f,
+                            0.005f,      0.015f,   0.045f,  1e-45f,      -1e-45f, FLT_MIN,
+                            FLT_MAX,     -FLT_MAX, 1e15f,   9.99999e14f, 1.0e16f, 123456789.0f,
+                            16777217.0f, inf,      -inf,    nan,         -nan};
+    for (int d = 0; d <= 4; ++d)
+        for (float v : values) EXPECT_EQ(hand(v, d), ref(v, d)) << v << " d=" << d;
 
     std::mt19937 rng(7);
     // Arbitrary bit patterns cover every exponent; decimal-looking values cover the usual range,
@@ -69,13 +51,9 @@ TEST(CsvFormat, FixedMatchesPrintfOnEveryKindOfValue) {
     std::uniform_int_distribution<int> digits(0, 4);
     int mismatches = 0;
     for (int n = 0; n < 2000000; ++n) {
-        float v;
-        if (n % 2 == 0) {
-            const uint32_t b = bits(rng);
-            std::memcpy(&v, &b, sizeof v);
-        } else {
-            v = static_cast<float>(cents(rng)) / (n % 3 == 0 ? 1000.0f : 8.0f);
-        }
+        const uint32_t b = bits(rng);
+        float v = static_cast<float>(cents(rng)) / (n % 3 == 0 ? 1000.0f : 8.0f);
+        if (n % 2 == 0) std::memcpy(&v, &b, sizeof v);
         const int d = digits(rng);
         if (hand(v, d) != ref(v, d) && ++mismatches < 10) ADD_FAILURE() << v << " d=" << d;
     }
@@ -83,16 +61,11 @@ TEST(CsvFormat, FixedMatchesPrintfOnEveryKindOfValue) {
 }
 
 TEST(CsvFormat, IntegersMatchPrintf) {
-    const int64_t values[] = {
+    std::vector<int64_t> values = {
         0, 1, -1, 9, 10, 99, 100, 101, 65535, -65535, 1234567890123LL, INT64_MAX, INT64_MIN};
-    for (int64_t v : values) {
-        char buf[32], want[32];
-        std::snprintf(want, sizeof want, "%lld", static_cast<long long>(v));
-        EXPECT_EQ(std::string(buf, put_i64(buf, v)), want);
-    }
     std::mt19937_64 rng(3);
-    for (int n = 0; n < 100000; ++n) {
-        const int64_t v = static_cast<int64_t>(rng()) >> (n % 64);
+    for (int n = 0; n < 100000; ++n) values.push_back(static_cast<int64_t>(rng()) >> (n % 64));
+    for (int64_t v : values) {
         char buf[32], want[32];
         std::snprintf(want, sizeof want, "%lld", static_cast<long long>(v));
         ASSERT_EQ(std::string(buf, put_i64(buf, v)), want);
@@ -121,11 +94,12 @@ TEST(CsvFormat, BufferedFileHoldsEveryByteAndReportsFailures) {
     EXPECT_EQ(fixture::read_file(path), expected);
 
     CsvOut bad;
+    const std::string missing = dir.file("missing/x.csv");
     try {
-        csv_open(bad, dir.file("missing/x.csv"));
-        FAIL() << "opened a file in a missing folder";
+        csv_open(bad, missing);
+        ADD_FAILURE() << "opened a file in a missing folder";
     } catch (const std::runtime_error& e) {
-        EXPECT_EQ(std::string(e.what()), "cannot write " + dir.file("missing/x.csv"));
+        EXPECT_EQ(std::string(e.what()), "cannot write " + missing);
     }
     EXPECT_FALSE(csv_try_open(bad, dir.file("missing/x.csv"), "a"));
 }

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -39,13 +40,31 @@ ParseResult parse(RunConfig& c, std::vector<std::string> args) {
     return r;
 }
 
+// Splits a command line at blanks.
+std::vector<std::string> words(const std::string& line) {
+    std::istringstream in(line);
+    std::vector<std::string> out;
+    for (std::string w; in >> w;) out.push_back(w);
+    return out;
+}
+
+// The config after the arguments are applied to it, or to a fresh one.
+RunConfig& parsed(RunConfig& c, std::vector<std::string> args) {
+    parse(c, std::move(args));
+    return c;
+}
+RunConfig after(std::vector<std::string> args) {
+    RunConfig c;
+    return parsed(c, std::move(args));
+}
+
 std::string usage_text() {
     ::testing::internal::CaptureStdout();
     print_usage();
     return ::testing::internal::GetCapturedStdout();
 }
 
-TEST(Arguments, UsageText) {
+TEST(Arguments, UsageHelpUnknownAndMissingValues) {
     const std::string usage = usage_text();
     EXPECT_EQ(usage.rfind("Morvane DTA (MVP)\nusage: torvex --control RUN.ctl [overrides]\n", 0),
               0u);
@@ -61,10 +80,7 @@ TEST(Arguments, UsageText) {
     EXPECT_NE(usage.find("\n  --calib-bound-lo/hi X  cumulative weight bounds vs original "
                          "(default 0.25/4)\n"),
               std::string::npos);
-}
 
-TEST(Arguments, HelpUnknownAndMissingValues) {
-    const std::string usage = usage_text();
     RunConfig c;
     for (const char* help : {"--help", "-h"}) {
         ParseResult r = parse(c, {"--iters", "3", help, "--bogus"});
@@ -118,9 +134,7 @@ TEST(Arguments, LayersApplyInArgumentOrder) {
     EXPECT_EQ(c.sample_every, 4);                // the flag after the file wins
     EXPECT_EQ(c.meso_ftype, (std::vector<int32_t>{11, 71}));
 
-    RunConfig d;
-    r = parse(d, {"--control", a, "--iters", "6"});
-    EXPECT_EQ(d.assignment.max_iterations, 6);
+    EXPECT_EQ(after({"--control", a, "--iters", "6"}).assignment.max_iterations, 6);
 
     // A failing control file ends the parse with 2 and no usage text.
     const std::string bad = dir.write("bad.ctl", "NODE_FILE x\nNOT_A_KEY 1\n");
@@ -130,86 +144,30 @@ TEST(Arguments, LayersApplyInArgumentOrder) {
     EXPECT_EQ(r.out, "");
     EXPECT_EQ(r.err, bad + "(2): unknown control key NOT_A_KEY\n");
     EXPECT_EQ(e.assignment.max_iterations, 20);
-    r = parse(e, {"--control", (dir.path / "missing.ctl").string()});
+    const std::string missing = (dir.path / "missing.ctl").string();
+    r = parse(e, {"--control", missing});
     EXPECT_EQ(r.code, 2);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, "cannot open control file " + (dir.path / "missing.ctl").string() + "\n");
+    EXPECT_EQ(r.out + r.err, "cannot open control file " + missing + "\n");
 
     // SAMPLE_SCHEDULE resets SAMPLE_EVERY only when it comes later.
-    RunConfig f;
-    parse(f, {"--sample-every", "4", "--sample-schedule", "100,50"});
-    EXPECT_EQ(f.sample_every, 1);
-    RunConfig g;
-    parse(g, {"--sample-schedule", "100,50", "--sample-every", "4"});
+    EXPECT_EQ(after({"--sample-every", "4", "--sample-schedule", "100,50"}).sample_every, 1);
+    const RunConfig g = after({"--sample-schedule", "100,50", "--sample-every", "4"});
     EXPECT_EQ(g.sample_every, 4);
     EXPECT_EQ(g.assignment.sample_schedule, (std::vector<float>{1.0f, 0.5f}));
 }
 
 TEST(Arguments, ValueFlagsWriteTheirFields) {
     RunConfig c;
-    ParseResult r = parse(c, {"--out-dir",
-                              "o",
-                              "--max-trips",
-                              "9000000000",
-                              "--checkpoint-file",
-                              "ck",
-                              "--checkpoint-every",
-                              "2",
-                              "--stop-file",
-                              "stop",
-                              "--resume-from",
-                              "rs",
-                              "--eps",
-                              "0.005",
-                              "--reroute-threshold",
-                              "0.5",
-                              "--chunks",
-                              "5",
-                              "--reroute-frac-min",
-                              "0.2",
-                              "--threads",
-                              "3",
-                              "--trace-agents",
-                              "4,5",
-                              "--trace-agents",
-                              "6",
-                              "--segment-params",
-                              "seg.csv",
-                              "--county",
-                              "Travis",
-                              "--node-dt",
-                              "30",
-                              "--node-inject-res",
-                              "5",
-                              "--ltm-max-spillback-min",
-                              "12",
-                              "--jam-density",
-                              "200",
-                              "--time-counts",
-                              "cnt.csv",
-                              "--toll-policies",
-                              "tp.csv",
-                              "--express-toll-policy",
-                              "8",
-                              "--cpi",
-                              "1.5",
-                              "--calib-passes",
-                              "7",
-                              "--calib-alpha",
-                              "0.7",
-                              "--calib-max-pct",
-                              "0.3",
-                              "--calib-bound-lo",
-                              "0.2",
-                              "--calib-bound-hi",
-                              "5",
-                              "--market-scale",
-                              "HBW",
-                              "1.2",
-                              "--select-link",
-                              "1-2,3-4",
-                              "--select-op",
-                              "and"});
+    ParseResult r = parse(
+        c, words("--out-dir o --max-trips 9000000000 --checkpoint-file ck --checkpoint-every 2 "
+                 "--stop-file stop --resume-from rs --eps 0.005 --reroute-threshold 0.5 "
+                 "--chunks 5 --reroute-frac-min 0.2 --threads 3 --trace-agents 4,5 "
+                 "--trace-agents 6 --segment-params seg.csv --county Travis --node-dt 30 "
+                 "--node-inject-res 5 --ltm-max-spillback-min 12 --jam-density 200 "
+                 "--time-counts cnt.csv --toll-policies tp.csv --express-toll-policy 8 --cpi 1.5 "
+                 "--calib-passes 7 --calib-alpha 0.7 --calib-max-pct 0.3 --calib-bound-lo 0.2 "
+                 "--calib-bound-hi 5 --market-scale HBW 1.2 --select-link 1-2,3-4 "
+                 "--select-op and"));
     ASSERT_EQ(r.code, -1);
     EXPECT_EQ(c.output_directory, "o");
     EXPECT_EQ(c.max_trips, 9000000000LL);
@@ -245,17 +203,16 @@ TEST(Arguments, ValueFlagsWriteTheirFields) {
     EXPECT_FLOAT_EQ(c.market_scale[0].second, 1.2f);
     EXPECT_EQ(c.select_link_pairs, "1-2,3-4");
     EXPECT_TRUE(c.select_and);
-    parse(c, {"--select-op", "AND"});
-    EXPECT_FALSE(c.select_and);
+    EXPECT_FALSE(parsed(c, {"--select-op", "AND"}).select_and);
     EXPECT_THROW(parse_raw(c, {"--market-scale", "HBW", "lots"}), std::invalid_argument);
 }
 
 TEST(Arguments, SwitchesAndFlagOnlyRules) {
     RunConfig c;
-    ParseResult r = parse(
-        c, {"--write-agents", "--ltm-all-links", "--node-conservation", "--node-interval-turns",
-            "--node-per-chunk", "--signal-model", "--micro-corridor", "--meso-interstates",
-            "--meso-all-links", "--no-meso-log", "--el-detect", "--toll-choice", "--calibrate"});
+    ParseResult r = parse(c, words("--write-agents --ltm-all-links --node-conservation "
+                                   "--node-interval-turns --node-per-chunk --signal-model "
+                                   "--micro-corridor --meso-interstates --meso-all-links "
+                                   "--no-meso-log --el-detect --toll-choice --calibrate"));
     ASSERT_EQ(r.code, -1);
     EXPECT_EQ(c.write_agent_results, AgentOutputMode::csv);
     EXPECT_EQ(c.macro_model, MacroModel::DTA_LTM);
@@ -282,9 +239,8 @@ TEST(Arguments, SwitchesAndFlagOnlyRules) {
     EXPECT_EQ(d.assignment.max_iterations, 2);
 
     // --micro-coupling: unknown text is silent yet turns the corridor on.
-    RunConfig e;
-    r = parse(e, {"--micro-coupling", "twoway_full"});
-    EXPECT_EQ(e.micro_coupling, MicroCoupling::twoway_full);
+    EXPECT_EQ(after({"--micro-coupling", "twoway_full"}).micro_coupling,
+              MicroCoupling::twoway_full);
     RunConfig f;
     r = parse(f, {"--micro-coupling", "sideways"});
     EXPECT_EQ(r.err, "");
@@ -292,43 +248,33 @@ TEST(Arguments, SwitchesAndFlagOnlyRules) {
     EXPECT_EQ(f.micro_coupling, MicroCoupling::oneway);
 
     // --micro-choice writes the mode only.
-    RunConfig g;
-    parse(g, {"--micro-choice", "modea"});
+    const RunConfig g = after({"--micro-choice", "modea"});
     EXPECT_EQ(g.micro_choice, MicroChoice::ModeA_logit);
     EXPECT_FALSE(g.micro_corridor);
 
     // --node-receiving always turns the report on.
     RunConfig h;
-    parse(h, {"--node-receiving", "pointqueue"});
-    EXPECT_TRUE(h.node_conservation);
+    EXPECT_TRUE(parsed(h, {"--node-receiving", "pointqueue"}).node_conservation);
     EXPECT_FALSE(h.node_receiving_spatial);
-    parse(h, {"--node-receiving", "anything"});
-    EXPECT_TRUE(h.node_receiving_spatial);
+    EXPECT_TRUE(parsed(h, {"--node-receiving", "anything"}).node_receiving_spatial);
 
     // Exact matches where the key would fold case; "curves" only through the key.
     RunConfig k;
-    parse(k, {"--node-method", "curves"});
-    EXPECT_EQ(k.node_method, 0);
-    parse(k, {"--node-method", "newell"});
-    EXPECT_EQ(k.node_method, 1);
-    parse(k, {"--node-method", "Newell"});
-    EXPECT_EQ(k.node_method, 0);
-    parse(k, {"--link-volume-breakdown", "vot"});
-    EXPECT_EQ(k.link_volume_breakdown, VolumeBreakdown::segment);
-    parse(k, {"--link-volume-breakdown", "MARKET"});
-    EXPECT_EQ(k.link_volume_breakdown, VolumeBreakdown::none);
-    parse(k, {"--link-volume-breakdown", "purpose"});
-    EXPECT_EQ(k.link_volume_breakdown, VolumeBreakdown::purpose);
+    EXPECT_EQ(parsed(k, {"--node-method", "curves"}).node_method, 0);
+    EXPECT_EQ(parsed(k, {"--node-method", "newell"}).node_method, 1);
+    EXPECT_EQ(parsed(k, {"--node-method", "Newell"}).node_method, 0);
+    const std::string lvb = "--link-volume-breakdown";
+    EXPECT_EQ(parsed(k, {lvb, "vot"}).link_volume_breakdown, VolumeBreakdown::segment);
+    EXPECT_EQ(parsed(k, {lvb, "MARKET"}).link_volume_breakdown, VolumeBreakdown::none);
+    EXPECT_EQ(parsed(k, {lvb, "purpose"}).link_volume_breakdown, VolumeBreakdown::purpose);
 
     // --node-schedule is the range form only; the plain mode stays.
-    RunConfig m;
-    parse(m, {"--node-per-chunk", "--node-schedule", "1-3:iter,4:chunk"});
+    const RunConfig m = after({"--node-per-chunk", "--node-schedule", "1-3:iter,4:chunk"});
     EXPECT_EQ(m.assignment.node_refresh_every, 1);
     EXPECT_EQ(m.assignment.node_schedule, (std::vector<int32_t>{0, 0, 0, 1}));
 
     // --signal-gc writes the share and turns the signal model on.
-    RunConfig s;
-    parse(s, {"--signal-gc", "0.4"});
+    const RunConfig s = after({"--signal-gc", "0.4"});
     EXPECT_TRUE(s.signal_model);
     EXPECT_FLOAT_EQ(s.signal_gc, 0.4f);
 }

@@ -10,11 +10,11 @@ namespace {
 
 using testing_support::TempDir;
 
-bool apply_file(RunConfig& c, const std::string& path, std::string& err) {
+// "ok:" or "refused:" followed by what applying the file printed to standard error.
+std::string load(RunConfig& c, const std::string& path) {
     ::testing::internal::CaptureStderr();
     const bool ok = apply_control_file(c, path);
-    err = ::testing::internal::GetCapturedStderr();
-    return ok;
+    return (ok ? "ok:" : "refused:") + ::testing::internal::GetCapturedStderr();
 }
 
 TEST(ControlFile, LineGrammar) {
@@ -40,9 +40,7 @@ TEST(ControlFile, LineGrammar) {
     RunConfig c;
     c.county_filter = "before";
     c.assignment.stop_file = "before";
-    std::string err;
-    ASSERT_TRUE(apply_file(c, path, err)) << err;
-    EXPECT_EQ(err, "");
+    ASSERT_EQ(load(c, path), "ok:");
     EXPECT_EQ(c.node_file, "nodes.csv");
     EXPECT_EQ(c.link_file, "links.csv");
     EXPECT_EQ(c.trip_file, "trips file.csv.gz");
@@ -67,66 +65,57 @@ TEST(ControlFile, LastKeyWinsAndRouteChunksIsExplicit) {
                   "ROUTE_CHUNKS 1\nMAX_ITERATIONS 3\nMAX_ITERATIONS 4\nMESO_FTYPE 11\n"
                   "MESO_FTYPE 71,91\nMACRO_MODEL sta_bpr\nMACRO_MODEL bogus\n");
     RunConfig c;
-    std::string err;
-    ASSERT_TRUE(apply_file(c, path, err));
+    EXPECT_EQ(load(c, path),
+              "ok:[config] unknown MACRO_MODEL 'bogus' (use DTA_PointQueue|DTA_LTM|STA_BPR)\n");
     EXPECT_EQ(c.assignment.route_chunks, 1);
     EXPECT_TRUE(c.route_chunks_explicit);
     EXPECT_EQ(c.assignment.max_iterations, 4);
     EXPECT_EQ(c.meso_ftype, (std::vector<int32_t>{11, 71, 91}));
     EXPECT_EQ(c.macro_model, MacroModel::STA_BPR);
-    EXPECT_EQ(err, "[config] unknown MACRO_MODEL 'bogus' (use DTA_PointQueue|DTA_LTM|STA_BPR)\n");
 }
 
-TEST(ControlFile, RefusalsStopTheFile) {
+TEST(ControlFile, RefusalsStopTheFileAndNumbersRaise) {
     TempDir dir;
     RunConfig c;
-    std::string err;
-
     // Unknown key: message with path and 1-based line number counting comments and blanks.
     const std::string unknown =
         dir.write("u.ctl", "# header\n\nMAX_ITERATIONS 5\r\nroute_chunkz 3\r\nMAX_ITERATIONS 9\n");
-    EXPECT_FALSE(apply_file(c, unknown, err));
-    EXPECT_EQ(err, unknown + "(4): unknown control key ROUTE_CHUNKZ\n");
+    EXPECT_EQ(load(c, unknown), "refused:" + unknown + "(4): unknown control key ROUTE_CHUNKZ\n");
     EXPECT_EQ(c.assignment.max_iterations, 5);  // lines after the refusal are not applied
 
     // "KEY=value" without blanks is one word, so the key is unknown.
     const std::string glued = dir.write("g.ctl", "MAX_ITERATIONS=5\n");
-    EXPECT_FALSE(apply_file(c, glued, err));
-    EXPECT_EQ(err, glued + "(1): unknown control key MAX_ITERATIONS=5\n");
+    EXPECT_EQ(load(c, glued), "refused:" + glued + "(1): unknown control key MAX_ITERATIONS=5\n");
 
     // A refused value prints its own message, then the unknown-key line.
     const std::string refused =
         dir.write("r.ctl", "STA_VDF akcelik\nCONICAL_ALPHA 0.5\nSTA_VDF bpr\n");
     RunConfig d;
-    EXPECT_FALSE(apply_file(d, refused, err));
-    EXPECT_EQ(err, "[args] CONICAL_ALPHA must be > 1 (got 0.5)\n" + refused +
-                       "(2): unknown control key CONICAL_ALPHA\n");
+    EXPECT_EQ(load(d, refused), "refused:[args] CONICAL_ALPHA must be > 1 (got 0.5)\n" + refused +
+                                    "(2): unknown control key CONICAL_ALPHA\n");
     EXPECT_EQ(d.sta_vdf, "akcelik");
     EXPECT_FLOAT_EQ(d.conical_alpha, 4.0f);
 
     const std::string method = dir.write("m.ctl", "sta_method Newton\n");
-    EXPECT_FALSE(apply_file(d, method, err));
-    EXPECT_EQ(err, "[args] unknown STA_METHOD 'Newton' (use legacy|msa|fw|cfw|bfw)\n" + method +
-                       "(1): unknown control key STA_METHOD\n");
+    EXPECT_EQ(load(d, method),
+              "refused:[args] unknown STA_METHOD 'Newton' (use legacy|msa|fw|cfw|bfw)\n" + method +
+                  "(1): unknown control key STA_METHOD\n");
 
-    const std::string missing = (dir.path / "none.ctl").string();
-    EXPECT_FALSE(apply_file(c, missing, err));
-    EXPECT_EQ(err, "cannot open control file " + missing + "\n");
-    EXPECT_FALSE(apply_file(c, dir.path.string(), err));
-    EXPECT_EQ(err, "cannot open control file " + dir.path.string() + "\n");
-}
-
-TEST(ControlFile, MalformedNumberRaises) {
-    TempDir dir;
-    const std::string path = dir.write("n.ctl", "MAX_ITERATIONS 3\nRELATIVE_GAP tight\n");
-    RunConfig c;
-    try {
-        apply_control_file(c, path);
-        ADD_FAILURE() << "no exception";
-    } catch (const std::invalid_argument& e) {
-        EXPECT_STREQ(e.what(), "invalid stof argument");
+    // A missing file and a directory cannot be opened.
+    for (const std::string& path : {(dir.path / "none.ctl").string(), dir.path.string()}) {
+        EXPECT_EQ(load(c, path), "refused:cannot open control file " + path + "\n");
     }
-    EXPECT_EQ(c.assignment.max_iterations, 3);
+
+    // A malformed number raises out of the file, after the lines before it were applied.
+    const std::string number = dir.write("n.ctl", "MAX_ITERATIONS 3\nRELATIVE_GAP tight\n");
+    RunConfig e;
+    try {
+        apply_control_file(e, number);
+        ADD_FAILURE() << "no exception";
+    } catch (const std::invalid_argument& ex) {
+        EXPECT_STREQ(ex.what(), "invalid stof argument");
+    }
+    EXPECT_EQ(e.assignment.max_iterations, 3);
 }
 
 }  // namespace

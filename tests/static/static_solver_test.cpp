@@ -22,6 +22,8 @@ namespace {
 
 const std::string kSiouxFalls = std::string(TORVEX_SHARED_DIR) + "/data/siouxfalls/";
 
+using Flows = std::map<std::pair<int64_t, int64_t>, double>;
+
 // Sioux Falls as the static problem of its control file: one window of 120 intervals, so that
 // the window's volume-to-capacity ratio is the classic hourly one.
 struct SiouxFalls {
@@ -30,6 +32,8 @@ struct SiouxFalls {
     CountyAdjacency adj;
     RunConfig config;
     AssignmentState state;
+    StaticSolveStats stats;
+    std::string log;
 
     SiouxFalls(StaMethod method, int iterations, float gap) {
         net = load_network(kSiouxFalls + "NODE.csv", kSiouxFalls + "LINK.csv");
@@ -46,14 +50,21 @@ struct SiouxFalls {
         apply_static_settings(config, net);
         testing::internal::GetCapturedStdout();
     }
-    void prepare() { prepare_assignment(state, net, trips, adj, config, nullptr); }
+    // Prepares and solves, keeping the log and the direction counters.
+    std::vector<IterationRecord> solve() {
+        prepare_assignment(state, net, trips, adj, config, nullptr);
+        testing::internal::CaptureStdout();
+        std::vector<IterationRecord> recs = run_static_solver(state, stats);
+        log = testing::internal::GetCapturedStdout();
+        return recs;
+    }
 };
 
-std::map<std::pair<int64_t, int64_t>, double> best_flows() {
+Flows best_flows() {
     std::istringstream in(fixture::read_file(kSiouxFalls + "best_flows.csv"));
     std::string line;
     std::getline(in, line);
-    std::map<std::pair<int64_t, int64_t>, double> flows;
+    Flows flows;
     while (std::getline(in, line)) {
         long long a = 0, b = 0;
         double v = 0;
@@ -62,29 +73,23 @@ std::map<std::pair<int64_t, int64_t>, double> best_flows() {
     return flows;
 }
 
-// Root-mean-square difference of the hourly link volumes (all intervals / 30) from the best-known
-// equilibrium, relative to the root-mean-square best-known flow.
-double relative_rms_error(const Network& net) {
-    const auto best = best_flows();
+// Root-mean-square difference of hourly volumes from the best-known equilibrium over its 76
+// links, relative to the root-mean-square best-known flow.
+double relative_rms_error(const Flows& hourly) {
     double err = 0, ref = 0;
-    size_t matched = 0;
-    for (const Link& l : net.links) {
-        auto it = best.find({l.a_node, l.b_node});
-        if (it == best.end()) continue;
-        double v = 0;
-        for (int i = 0; i < kIntervals; ++i) v += l.volume[i];
-        v /= 30.0;
-        err += (v - it->second) * (v - it->second);
-        ref += it->second * it->second;
-        ++matched;
+    for (const auto& [ab, v] : best_flows()) {
+        auto it = hourly.find(ab);
+        EXPECT_NE(it, hourly.end()) << ab.first << "-" << ab.second;
+        const double e = it == hourly.end() ? 0.0 : it->second;
+        err += (e - v) * (e - v);
+        ref += v * v;
     }
-    EXPECT_EQ(matched, 76u);
     return std::sqrt(err / ref);
 }
 
 TEST(StaticSolver, BiconjugateReachesTheKnownSiouxFallsEquilibrium) {
     SiouxFalls sf(StaMethod::bfw, 200, 1e-5f);
-    sf.prepare();
+    prepare_assignment(sf.state, sf.net, sf.trips, sf.adj, sf.config, nullptr);
     testing::internal::CaptureStdout();
     const std::vector<IterationRecord> recs = run_assignment(sf.state);  // dispatches to the solver
     const std::string log = testing::internal::GetCapturedStdout();
@@ -96,38 +101,34 @@ TEST(StaticSolver, BiconjugateReachesTheKnownSiouxFallsEquilibrium) {
                        "link-windows\n"),
               std::string::npos);
     EXPECT_FALSE(sf.state.frozen);
-    EXPECT_LT(relative_rms_error(sf.net), 0.001);
 
-    // The gap is that of the solver's own BPR cost: recompute it from the link arrays.
+    // Hourly volumes (all intervals / 30) match the best-known flows, and the link times follow
+    // the solver's own BPR cost (no multiplier) in f32.
     const StaticModel model = build_static_model(sf.net);
-    double total = 0;
+    Flows hourly;
     for (int32_t l = 0; l < model.link_count; ++l) {
-        double v = 0;
-        for (int i = 0; i < kIntervals; ++i) v += sf.net.links[l].inflow[i];
-        total += v * static_link_cost(model, l, 0, v);
-        // The link times follow the same curve (BPR, no multiplier) in f32.
-        EXPECT_NEAR(sf.net.links[l].travel_time_min[0], static_link_cost(model, l, 0, v),
-                    1e-4 * sf.net.links[l].travel_time_min[0]);
+        const Link& link = sf.net.links[l];
+        double v = 0, in = 0;
+        for (int i = 0; i < kIntervals; ++i) v += link.volume[i], in += link.inflow[i];
+        hourly[{link.a_node, link.b_node}] = v / 30.0;
+        EXPECT_NEAR(link.travel_time_min[0], static_link_cost(model, l, 0, in),
+                    1e-4 * link.travel_time_min[0]);
     }
-    EXPECT_GT(total, 0);
+    EXPECT_LT(relative_rms_error(hourly), 0.001);
 }
 
 TEST(StaticSolver, EachMethodReachesItsGapOnSiouxFalls) {
     struct Case {
         StaMethod method;
         double gap;
-        int iterations;
     };
-    for (const Case& c : {Case{StaMethod::msa, 1e-2, 200}, Case{StaMethod::fw, 1e-3, 200},
-                          Case{StaMethod::cfw, 1e-4, 200}}) {
-        SiouxFalls sf(c.method, c.iterations, static_cast<float>(c.gap));
-        sf.prepare();
-        testing::internal::CaptureStdout();
-        const std::vector<IterationRecord> recs = run_static_solver(sf.state);
-        const std::string log = testing::internal::GetCapturedStdout();
+    for (const Case& c :
+         {Case{StaMethod::msa, 1e-2}, Case{StaMethod::fw, 1e-3}, Case{StaMethod::cfw, 1e-4}}) {
+        SiouxFalls sf(c.method, 200, static_cast<float>(c.gap));
+        const std::vector<IterationRecord> recs = sf.solve();
         EXPECT_LT(recs.back().rel_gap, c.gap) << static_cast<int>(c.method);
-        EXPECT_LT(recs.back().iter, c.iterations) << static_cast<int>(c.method);
-        EXPECT_NE(log.find("[converged]"), std::string::npos);
+        EXPECT_LT(recs.back().iter, 200) << static_cast<int>(c.method);
+        EXPECT_NE(sf.log.find("[converged]"), std::string::npos);
         // Every iteration routes every key and nothing is unreachable.
         for (size_t i = 1; i < recs.size(); ++i) {
             EXPECT_EQ(recs[i].rerouted, static_cast<int64_t>(sf.trips.route_keys.size()));
@@ -146,53 +147,43 @@ TEST(StaticSolver, DirectionCountersOverTheFirstIterations) {
                           Case{StaMethod::bfw, 2, 2, 0}, Case{StaMethod::bfw, 3, 2, 1},
                           Case{StaMethod::bfw, 6, 2, 4}}) {
         SiouxFalls sf(c.method, c.iterations, 0.0f);
-        sf.prepare();
-        StaticSolveStats stats;
-        testing::internal::CaptureStdout();
-        const std::vector<IterationRecord> recs = run_static_solver(sf.state, stats);
-        const std::string log = testing::internal::GetCapturedStdout();
+        const std::vector<IterationRecord> recs = sf.solve();
+        const StaticSolveStats& stats = sf.stats;
         const std::string what =
             std::to_string(static_cast<int>(c.method)) + " x" + std::to_string(c.iterations);
         ASSERT_EQ(recs.size(), static_cast<size_t>(c.iterations) + 1) << what;
         EXPECT_EQ(stats.before_history, c.before_history) << what;
         EXPECT_EQ(stats.used + stats.rejected, c.conjugate) << what;
+        // Sioux Falls takes the bi-conjugate direction at its first chance.
+        if (c.method == StaMethod::bfw && c.iterations == 3) {
+            EXPECT_EQ(stats.used, 1);
+        }
         char line[160];
         std::snprintf(line, sizeof line,
                       "conjugate direction: used %d, rejected %d (non-convex), %d before enough "
                       "history -- the rest ran as plain FW\n",
                       stats.used, stats.rejected, stats.before_history);
-        EXPECT_NE(log.find(line), std::string::npos) << what;
+        EXPECT_NE(sf.log.find(line), std::string::npos) << what;
         // The iteration lines name the direction each iteration took.
-        size_t conjugate_lines = 0;
-        for (size_t at = log.find("  conjugate  pass="); at != std::string::npos;
-             at = log.find("  conjugate  pass=", at + 1))
+        int conjugate_lines = 0;
+        for (size_t at = sf.log.find("  conjugate  pass="); at != std::string::npos;
+             at = sf.log.find("  conjugate  pass=", at + 1))
             ++conjugate_lines;
-        EXPECT_EQ(conjugate_lines, static_cast<size_t>(stats.used)) << what;
+        EXPECT_EQ(conjugate_lines, stats.used) << what;
         // Gaps are measured from iteration 1 and the first all-or-nothing load is far from
         // equilibrium on this network.
         EXPECT_EQ(recs[0].rel_gap, 0.0);
         EXPECT_GT(recs[1].rel_gap, 0.5);
     }
-    // Sioux Falls takes the bi-conjugate direction at its first chance.
-    SiouxFalls sf(StaMethod::bfw, 3, 0.0f);
-    sf.prepare();
-    StaticSolveStats stats;
-    testing::internal::CaptureStdout();
-    run_static_solver(sf.state, stats);
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(stats.used, 1);
 
     // No iteration: neither the summary line nor a checkpoint.
     fixture::TempDir dir;
     SiouxFalls none(StaMethod::bfw, 0, 0.0f);
     none.config.assignment.checkpoint_file = dir.file("ck.bin");
-    none.prepare();
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(run_static_solver(none.state).size(), 1u);
-    const std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_NE(log.find("[sta iter 0] all-or-nothing on free-flow: 528 paths, 0 unreachable"),
+    EXPECT_EQ(none.solve().size(), 1u);
+    EXPECT_NE(none.log.find("[sta iter 0] all-or-nothing on free-flow: 528 paths, 0 unreachable"),
               std::string::npos);
-    EXPECT_EQ(log.find("conjugate direction"), std::string::npos);
+    EXPECT_EQ(none.log.find("conjugate direction"), std::string::npos);
     EXPECT_FALSE(fixture::file_exists(dir.file("ck.bin")));
 }
 
@@ -202,20 +193,16 @@ TEST(StaticSolver, StopFileHaltsAfterItsCheckpoint) {
     SiouxFalls sf(StaMethod::bfw, 50, 0.0f);
     sf.config.assignment.stop_file = dir.file("STOP");
     sf.config.assignment.checkpoint_file = dir.file("ck.bin");
-    sf.prepare();
-    testing::internal::CaptureStdout();
-    const std::vector<IterationRecord> recs = run_static_solver(sf.state);
-    const std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(recs.size(), 2u);
+    EXPECT_EQ(sf.solve().size(), 2u);
     const size_t ck =
-        log.find("[checkpoint] wrote iter 1 state to " + dir.file("ck.bin") + " (528 keys, ");
-    const size_t stop = log.find("[stop] stop-file '" + dir.file("STOP") +
-                                 "' detected -> halting at iteration 1\n");
+        sf.log.find("[checkpoint] wrote iter 1 state to " + dir.file("ck.bin") + " (528 keys, ");
+    const size_t stop = sf.log.find("[stop] stop-file '" + dir.file("STOP") +
+                                    "' detected -> halting at iteration 1\n");
     ASSERT_NE(ck, std::string::npos);
     ASSERT_NE(stop, std::string::npos);
     EXPECT_LT(ck, stop);
     EXPECT_TRUE(fixture::file_exists(dir.file("STOP")));  // left in place
-    EXPECT_NE(log.find("used 0, rejected 0 (non-convex), 1 before enough history"),
+    EXPECT_NE(sf.log.find("used 0, rejected 0 (non-convex), 1 before enough history"),
               std::string::npos);
 }
 
@@ -224,8 +211,7 @@ TEST(StaticSolver, StopFileHaltsAfterItsCheckpoint) {
 TEST(StaticSolver, SiouxFallsRunEndToEnd) {
     fixture::TempDir dir;
     std::string ctl = fixture::read_file(kSiouxFalls + "static.ctl");
-    for (const char* f : {"NODE.csv", "LINK.csv", "TRIPS.csv"}) {
-        const std::string name = f;
+    for (const std::string name : {"NODE.csv", "LINK.csv", "TRIPS.csv"}) {
         const size_t at = ctl.find(" " + name);
         ASSERT_NE(at, std::string::npos);
         ctl.replace(at + 1, name.size(), kSiouxFalls + name);
@@ -242,45 +228,35 @@ TEST(StaticSolver, SiouxFallsRunEndToEnd) {
               std::string::npos)
         << r.out;
 
-    const auto best = best_flows();
-    std::istringstream in(fixture::read_file(dir.file("out/sta_path_scale.csv")));
-    std::string line;
-    std::getline(in, line);
-    EXPECT_EQ(line, "a_node,b_node,ftype,vol_equilibrium,vol_from_paths,scale");
-    double err = 0, ref = 0;
-    int rows = 0;
-    while (std::getline(in, line)) {
-        long long a = 0, b = 0;
-        int ftype = 0;
-        double e = 0, p = 0;
-        ASSERT_GE(std::sscanf(line.c_str(), "%lld,%lld,%d,%lf,%lf", &a, &b, &ftype, &e, &p), 5);
-        const double v = best.at({a, b});
-        err += (e / 30 - v) * (e / 30 - v);
-        ref += v * v;
-        ++rows;
+    // Reads a CSV after its header, as rows of cells.
+    auto rows = [&](const std::string& name, std::string& header) {
+        std::istringstream in(fixture::read_file(dir.file(name)));
+        std::getline(in, header);
+        std::vector<std::vector<std::string>> out;
+        for (std::string line; std::getline(in, line);) {
+            std::istringstream row(line);
+            out.emplace_back();
+            for (std::string cell; std::getline(row, cell, ',');) out.back().push_back(cell);
+        }
+        return out;
+    };
+    std::string header;
+    Flows scale, daily;
+    for (const auto& f : rows("out/sta_path_scale.csv", header)) {
+        ASSERT_GE(f.size(), 5u);
+        scale[{std::stoll(f[0]), std::stoll(f[1])}] = std::stod(f[3]) / 30;
     }
-    EXPECT_EQ(rows, 76);
-    EXPECT_LT(std::sqrt(err / ref), 0.001);
+    EXPECT_EQ(header, "a_node,b_node,ftype,vol_equilibrium,vol_from_paths,scale");
+    EXPECT_EQ(scale.size(), 76u);
+    EXPECT_LT(relative_rms_error(scale), 0.001);
 
     // The link performance file carries the same volumes, interval by interval.
-    std::istringstream perf(fixture::read_file(dir.file("out/link_performance_macroDTA.csv")));
-    std::getline(perf, line);
-    ASSERT_EQ(line.rfind("a_node,b_node,county,ftype,hour,interval,volume,", 0), 0u) << line;
-    std::map<std::pair<int64_t, int64_t>, double> daily;
-    while (std::getline(perf, line)) {
-        std::vector<std::string> f;
-        std::istringstream row(line);
-        for (std::string cell; std::getline(row, cell, ',');) f.push_back(cell);
-        ASSERT_GE(f.size(), 7u) << line;
-        daily[{std::stoll(f[0]), std::stoll(f[1])}] += std::stod(f[6]);  // county may be empty
+    for (const auto& f : rows("out/link_performance_macroDTA.csv", header)) {
+        ASSERT_GE(f.size(), 7u);
+        daily[{std::stoll(f[0]), std::stoll(f[1])}] += std::stod(f[6]) / 30;  // county may be ""
     }
-    err = ref = 0;
-    for (const auto& [ab, v] : best) {
-        const double e = daily[ab] / 30;
-        err += (e - v) * (e - v);
-        ref += v * v;
-    }
-    EXPECT_LT(std::sqrt(err / ref), 0.001);
+    ASSERT_EQ(header.rfind("a_node,b_node,county,ftype,hour,interval,volume,", 0), 0u) << header;
+    EXPECT_LT(relative_rms_error(daily), 0.001);
 
     // The checkpoint written at convergence: 528 keys and 76 links around the paths.
     const std::string ck = fixture::read_file(dir.file("ck.bin"));

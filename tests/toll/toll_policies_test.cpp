@@ -3,6 +3,7 @@
 #include <cmath>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 
 #include "run/run_config.h"
 #include "support/test_files.h"
@@ -76,8 +77,8 @@ TEST(TollPolicies, TypesRowsAndSummary) {
     EXPECT_FALSE(p2->tod_rows[0].cpi_adjust);  // "TRUE" is not a yes
     EXPECT_EQ(p2->tod_rows[1].start_min, 360.0f);
     EXPECT_EQ(p2->tod_rows[1].end_min, 540.0f);
-    EXPECT_FLOAT_EQ(p2->tod_rows[1].toll, 3.0f);
     EXPECT_TRUE(p2->tod_rows[1].cpi_adjust);
+    EXPECT_FLOAT_EQ(p2->tod_rows[1].toll, 3.0f);
     EXPECT_EQ(p2->tod_rows[2].start_min, 900.0f);
     EXPECT_TRUE(p2->tod_rows[2].cpi_adjust);
 
@@ -175,10 +176,9 @@ TEST(TollPolicies, Failures) {
     TempDir dir;
     const std::string missing = dir.file("nope.csv");
     EXPECT_EQ(load_error(missing), "cannot open toll policy file " + missing);
-    const std::string empty = dir.file("empty.csv");
-    write_file(empty, "");
-    EXPECT_EQ(load_error(empty), empty + ": empty");
     const std::string bad = dir.file("bad.csv");
+    write_file(bad, "");
+    EXPECT_EQ(load_error(bad), bad + ": empty");
     for (const char* header :
          {"policy_id,toll\n", "type,toll\n", "Policy_ID,type\n", "id,TYPE\n"}) {
         write_file(bad, header);
@@ -192,32 +192,25 @@ TEST(TollPolicies, Failures) {
 }
 
 TEST(TollDeflator, FactorAndLine) {
-    auto factor = [](int base, int future, float cpi) {
-        RunConfig config;
-        config.base_year = base;
-        config.future_year = future;
-        config.cpi = cpi;
-        Network net;
+    RunConfig config;
+    Network net;
+    auto factor = [&](int base, int future, float cpi) {
+        config.base_year = base, config.future_year = future, config.cpi = cpi;
+        net = Network{};  // a factor of 1 is the network's own default, not written
         compute_toll_deflator(config, net);
         return net.toll_deflator;
     };
+    EXPECT_NEAR(factor(2020, 2021, -0.5f), 2.0f, 1e-6f);
+    for (auto [base, future, cpi] : {std::tuple{2020, 2020, 0.02f},
+                                     {2040, 2020, 0.02f},
+                                     {0, 2040, 0.02f},
+                                     {-5, 2040, 0.02f},
+                                     {2020, 2040, 0.0f}})
+        EXPECT_EQ(factor(base, future, cpi), 1.0f) << base << " " << future << " " << cpi;
     const float f = factor(2020, 2040, 0.02f);
     EXPECT_NEAR(f, 0.6730f, 5e-5f);
     // Brought forward again over the same 20 years it is one dollar.
     EXPECT_NEAR(f * std::pow(1.02, 20.0), 1.0, 1e-6);
-    EXPECT_NEAR(factor(2020, 2021, -0.5f), 2.0f, 1e-6f);
-    EXPECT_EQ(factor(2020, 2020, 0.02f), 1.0f);
-    EXPECT_EQ(factor(2040, 2020, 0.02f), 1.0f);
-    EXPECT_EQ(factor(0, 2040, 0.02f), 1.0f);
-    EXPECT_EQ(factor(-5, 2040, 0.02f), 1.0f);
-    EXPECT_EQ(factor(2020, 2040, 0.0f), 1.0f);
-
-    RunConfig config;
-    config.base_year = 2020;
-    config.future_year = 2040;
-    config.cpi = 0.02f;
-    Network net;
-    compute_toll_deflator(config, net);
     testing::internal::CaptureStdout();
     print_toll_deflation(config, net);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
