@@ -67,21 +67,11 @@ TEST(DriverArguments, HelpUnknownAndMissingValues) {
     EXPECT_EQ(help.err, "");
     EXPECT_EQ(help.out.rfind("Morvane DTA (MVP)\nusage: torvex --control RUN.ctl [overrides]\n", 0),
               0u);
-    EXPECT_TRUE(has_line(
-        help.out,
-        "                         (links + entry times) every iteration to trace_paths.csv"));
-    EXPECT_EQ(r.run_raw({"-h"}).out, help.out);
-
-    RunResult upper = r.run_raw({"-H"});
-    EXPECT_EQ(ended(upper), "exit 2: unknown arg: -H\n");
-    EXPECT_EQ(upper.out, help.out);
 
     // The first unknown argument ends the parse: a later --help is never reached.
-    EXPECT_EQ(ended(r.run_raw({"--bogus", "--help"})), "exit 2: unknown arg: --bogus\n");
-
-    RunResult dangling = r.run_raw({"--iters", "3", "--node"});
-    EXPECT_EQ(ended(dangling), "exit 2: ");
-    EXPECT_EQ(dangling.out, help.out);
+    RunResult bogus = r.run_raw({"--bogus", "--help"});
+    EXPECT_EQ(ended(bogus), "exit 2: unknown arg: --bogus\n");
+    EXPECT_EQ(bogus.out, help.out);
 
     RunResult no_trips = r.run_raw({"--node", "NODE.csv", "--link", "LINK.csv"});
     EXPECT_EQ(no_trips.exit_code, 2);
@@ -89,45 +79,22 @@ TEST(DriverArguments, HelpUnknownAndMissingValues) {
     EXPECT_EQ(no_trips.err.find("error:"), std::string::npos);
 }
 
-TEST(DriverArguments, ControlFileFailuresAndConversions) {
+TEST(DriverArguments, ControlFileConversionAndLoaderFailures) {
     Region r;
     RunResult missing = r.run({"--control", "nope.ctl"});
     EXPECT_EQ(ended(missing), "exit 2: cannot open control file nope.ctl\n");
     EXPECT_EQ(missing.out, "");  // no usage text for a control file failure
-
-    r.control("bad.ctl", "# settings\nMAX_ITERATIONS 5\nSTA_VDF cubic\nRELATIVE_GAP 0.1\n");
-    EXPECT_EQ(ended(r.run({"--control", "bad.ctl"})),
-              "exit 2: [args] unknown STA_VDF 'cubic' (use bpr|conical|akcelik)\n"
-              "bad.ctl(3): unknown control key STA_VDF\n");
-
-    r.control("unknown.ctl", "\nWHATEVER 1\n");
-    EXPECT_EQ(ended(r.run({"--control", "unknown.ctl"})),
-              "exit 2: unknown.ctl(2): unknown control key WHATEVER\n");
 
     // Malformed numbers are not caught: the process ends abnormally with the conversion's text.
     RunResult bad_int = r.run({"--iters", "x"});
     EXPECT_GE(bad_int.exit_code, 128);
     EXPECT_NE(bad_int.err.find("invalid stoi argument"), std::string::npos);
     EXPECT_EQ(bad_int.err.find("error:"), std::string::npos);
-    r.control("range.ctl", "RELATIVE_GAP 1e99\n");
-    RunResult bad_float = r.run({"--control", "range.ctl"});
-    EXPECT_GE(bad_float.exit_code, 128);
-    EXPECT_NE(bad_float.err.find("stof argument out of range"), std::string::npos);
-}
 
-TEST(DriverRun, LoaderErrorsGoThroughTheGuard) {
-    Region r;
+    // Loader errors go through the guard, after the opening line.
     RunResult no_nodes = r.run_raw({"--node", "missing.csv", "--link", "LINK.csv", "--trips", "T"});
     EXPECT_EQ(ended(no_nodes), "exit 1: error: cannot open missing.csv\n");
     EXPECT_TRUE(has_line(no_nodes.out, "[T] Morvane DTA run started"));
-
-    write_file(r.dir.file("L2.csv"), "A,B,DISTANCE,NLANES,CAPACITY\n1,2,1,1,1\n");
-    EXPECT_EQ(ended(r.run_raw({"--node", "NODE.csv", "--link", "L2.csv", "--trips", "T"})),
-              "exit 1: error: L2.csv: missing required column FTYPE\n");
-
-    write_file(r.dir.file("empty.csv"), "");
-    EXPECT_EQ(ended(r.run_raw({"--node", "empty.csv", "--link", "LINK.csv", "--trips", "T"})),
-              "exit 1: error: empty.csv: empty\n");
 }
 
 TEST(DriverRun, NetworkPhaseLinesAndClosingLine) {
@@ -139,11 +106,7 @@ TEST(DriverRun, NetworkPhaseLinesAndClosingLine) {
         run.err,
         std::regex(R"((\[node-dnl/cumulative\] conservation: injected=1 exited=1 [^\n]*\n)+)")))
         << run.err;
-    EXPECT_TRUE(file_exists(r.dir.file("deep/er/out")));
     const std::string out = untimed(run.out);
-    // One tagged kind is enough for both counts to be reported.
-    EXPECT_TRUE(has_line(out, "[network] 1 links tagged MESO via dta_meso column"));
-    EXPECT_TRUE(has_line(out, "[network] 0 links tagged MICRO via dta_micro column"));
     EXPECT_TRUE(std::regex_search(
         out, std::regex(R"(\n\[T\]\[network\] 6 nodes \(2 centroids\), 10 )"
                         R"(links, 2 counties, 0 links without county, \d+\.\ds\n)")));
@@ -167,10 +130,7 @@ TEST(DriverRun, NetworkPhaseLinesAndClosingLine) {
 TEST(DriverRun, LayersTiersAndStorage) {
     Region r;
     r.control("pq.ctl", "MACRO_MODEL DTA_PointQueue\n");
-    // A flag before --control is overwritten by the file; one after it wins.
-    RunResult before = r.run({"--macro-model", "DTA_LTM", "--control", "pq.ctl"});
-    EXPECT_TRUE(has_line(before.out,
-                         "[T][flow-model] macro=DTA_PointQueue | 0 LTM, 1 MESO, rest point queue"));
+    // A flag after --control wins over the file.
     RunResult after =
         r.run({"--control", "pq.ctl", "--macro-model", "LTM", "--jam-density", "200"});
     // Under LTM connectors stay point queue, the tagged connector stays MESO.
@@ -179,11 +139,6 @@ TEST(DriverRun, LayersTiersAndStorage) {
     EXPECT_TRUE(has_line(
         after.out,
         "[T][ltm] 6 LTM links | jam_density=200 veh/mi/lane | max spillback delay=20 min"));
-
-    RunResult meso = r.run({"--meso-interstates", "--meso-ftype", "3"});
-    EXPECT_TRUE(has_line(meso.out,
-                         "[T][flow-model] macro=DTA_NodeLTM (conserving+spillback) | 0 LTM, "
-                         "7 MESO, rest point queue"));
 
     // A failing open of the resolution map does not stop the run.
     ASSERT_EQ(system(("rm -f " + r.dir.file("out/resolution_map.csv") + " && mkdir -p " +
@@ -222,7 +177,6 @@ TEST(DriverRun, StaticSettingsAndMesoFallback) {
                          "[T][sta] VDF bpr | window 1 x 15 min = 15 min | solver: MSA (step 1/k)"));
     EXPECT_TRUE(has_line(quiet.out, "[T][sta] BPR beta x 2.000 above capacity (v/c > 1)"));
     EXPECT_EQ(quiet.out.find("ignored"), std::string::npos);
-    EXPECT_TRUE(has_line(quiet.err, meso_ignored));
 }
 
 TEST(DriverRun, DischargeSignalsAndMicroTags) {
@@ -233,14 +187,7 @@ TEST(DriverRun, DischargeSignalsAndMicroTags) {
     ASSERT_EQ(run.exit_code, 0) << run.err;
     EXPECT_TRUE(
         has_line(run.out, "[network] discharge factors applied to 2 links ( 3=1.00 11=0.90 )"));
-    // SIGNAL_GC_n turns the model on; the line reports the general green share.
-    EXPECT_TRUE(has_line(run.out,
-                         "[T][signal] model applied to 2 signalized links (sat=1800 vphpl, "
-                         "C=120s, g/C=0.45)"));
     EXPECT_TRUE(has_line(run.out, "[T][flow-model] 2 links tagged MICRO via MICRO_FTYPE"));
-    EXPECT_TRUE(has_line(run.out,
-                         "[T][flow-model] resolution map: 1 MESO + 2 MICRO links -> "
-                         "out/resolution_map.csv"));
     EXPECT_NE(read_file(r.dir.file("out/resolution_map.csv")).find("2,3,71,1,0.500,MICRO\n"),
               std::string::npos);
 
@@ -249,7 +196,6 @@ TEST(DriverRun, DischargeSignalsAndMicroTags) {
                "A,B,DISTANCE,NLANES,CAPACITY,FTYPE,micro\n100,1,1,1,1,51,1\n1,100,1,1,1,51,1\n");
     RunResult cleared = r.run_raw(
         {"--node", "NODE.csv", "--link", "LINK_micro.csv", "--trips", "T", "--out-dir", "o2"});
-    EXPECT_TRUE(has_line(cleared.out, "[network] 2 links tagged MICRO via dta_micro column"));
     EXPECT_TRUE(has_line(cleared.out,
                          "[T][flow-model] MICRO_CORRIDOR off -- cleared 2 dta_micro "
                          "tag(s); those links report under macro/meso"));
@@ -260,14 +206,6 @@ TEST(DriverRun, TripsAndCountyFilter) {
     Region r;
     write_file(r.dir.file("TRIPS.csv"),
                "hh_id,O,D,hour,vehTrips\n1,100,200,8,1\n2,100,2,9,2\n3,7,200,8,1\n");
-    RunResult run = r.run({});
-    ASSERT_EQ(run.exit_code, 0) << run.err;
-    EXPECT_TRUE(has_line(run.out,
-                         "[T][segments] 1 segments, no SEGMENT_PARAM_FILE -> GC = travel time "
-                         "only (beta_time=1, beta_cost=0, distance=0)"));
-    EXPECT_NE(untimed(run.out).find("[T][trips] 3 rows read, 2 loaded (1 bad O/D incl. intrazonal"),
-              std::string::npos);
-
     RunResult north = r.run({"--county", "North"});
     ASSERT_EQ(north.exit_code, 0) << north.err;
     EXPECT_TRUE(has_line(north.out,

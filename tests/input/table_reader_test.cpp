@@ -6,7 +6,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <random>
-#include <stdexcept>
 
 #include "support/test_files.h"
 
@@ -47,7 +46,6 @@ TEST(LineReader, PlainLineEndsAndLastLine) {
     // Only the one carriage return before the newline goes; the blank before it stays.
     EXPECT_EQ(lines_of("a,b\r\n\r\n1,2 \r\nlast\r"), want);
     EXPECT_TRUE(lines_of("").empty());
-    EXPECT_EQ(lines_of("x"), Lines{"x"});
 
     TempDir dir;
     LineReader missing(dir.file("nope"));
@@ -174,7 +172,7 @@ TEST(SplitCsv, FieldsAgainstAPlainSplit) {
 }
 
 TEST(HeaderMap, TrimsRightOnlyAndLaterWins) {
-    // The error texts of required_column are checked through the network loader.
+    // required_column, found or not, is checked through the network loader and its messages.
     HeaderMap h;
     std::string line = " A,B \r,C,B";
     read_header(FieldView{line.data(), line.size()}, h);
@@ -182,20 +180,12 @@ TEST(HeaderMap, TrimsRightOnlyAndLaterWins) {
     EXPECT_EQ(any_column(h, {" A"}), 0);
     EXPECT_EQ(any_column(h, {"B"}), 3);
     EXPECT_EQ(any_column(h, {"Z", "C", "B"}), 2);
-    EXPECT_EQ(required_column(h, "C", "f.csv"), 2);
-    EXPECT_THROW(required_column(h, {"DISTANCE", "DIST"}, "l.csv"), std::runtime_error);
 }
 
 TEST(FieldConversion, ForgivingNumbers) {
     auto f64 = [](const std::string& s) { return field_f64(FieldView{s.data(), s.size()}); };
     auto i64 = [](const std::string& s) { return field_i64(FieldView{s.data(), s.size()}); };
-    EXPECT_EQ(f64(""), 0.0);
-    EXPECT_EQ(i64(""), 0);
-    EXPECT_EQ(i64("12abc"), 12);
-    EXPECT_EQ(i64("abc"), 0);
-    EXPECT_EQ(i64("  -7"), -7);
-    EXPECT_EQ(i64("3.9"), 3);
-    EXPECT_DOUBLE_EQ(f64(" 2.5e1x"), 25.0);
+    // Plain forms (blank, leading blanks, trailing text, a point) are in the random cross-check.
     // Cut at 63 characters: the 64th digit onwards is never seen.
     EXPECT_DOUBLE_EQ(f64("1" + std::string(62, '0') + "9999999"), 1e62);
     // 31 digits overflow and strtoll saturates; a digit past the copy limit is never seen.

@@ -277,7 +277,7 @@ TEST(TripLoader, ColumnsInterningAndDefaults) {
 TEST(TripLoader, FileErrors) {
     Demand d;
     const std::string p = d.dir.file("trips.csv");
-    for (const char* text : {"D,hour\n1,2\n", "O,hour\n1,2\n", "O,D,Hour\n1,2,3\n"})
+    for (const char* text : {"D,hour\n1,2\n", "O,D,Hour\n1,2,3\n"})
         EXPECT_EQ(d.error(text), p + ": missing O/D and depart_time/period/hour columns") << text;
     EXPECT_EQ(d.error(""), p + ": empty");
     EXPECT_EQ(d.error("O,D,hour\n"), "");  // a header alone loads nothing, without error
@@ -292,32 +292,6 @@ TEST(TripLoader, FileErrors) {
     } catch (const std::runtime_error& e) {
         EXPECT_EQ(std::string(e.what()), "cannot open " + missing);
     }
-}
-
-TEST(TripLoader, GzipLoadsTheSameTable) {
-    Demand d;
-    std::string text = "O,D,depart_time,vehTrips,marketVot,valueOfTime\r\n";
-    for (int i = 0; i < 5000; ++i) {
-        text += std::to_string(10 * (1 + i % 4)) + "," + std::to_string(10 * (1 + (i / 4) % 5)) +
-                "," + std::to_string(i % 30) + ":" + (i % 2 ? "15" : "45") + ",1.25," +
-                (i % 3 ? "a" : "b") + "," + std::to_string(i % 17) + "\r\n";
-    }
-    TripTable plain, packed;
-    const TripLoadSummary sp = d.load(text, plain);
-    const TripLoadSummary sg = d.load(fixture::gzip_member(text, true, true), packed);
-    EXPECT_GT(sp.rows_loaded, 3000);
-    EXPECT_EQ(std::tie(sp.rows_read, sp.rows_loaded, sp.bad_od),
-              std::tie(sg.rows_read, sg.rows_loaded, sg.bad_od));
-    auto rows_of = [](const TripTable& t) {
-        std::vector<std::tuple<int64_t, int32_t, float, float>> v;
-        for (const Trip& trip : t.trips)
-            v.emplace_back(trip.agent_id, trip.route_key, trip.value_of_time,
-                           t.route_keys[trip.route_key].weight);
-        return v;
-    };
-    EXPECT_EQ(rows_of(plain), rows_of(packed));
-    EXPECT_EQ(plain.route_keys.size(), packed.route_keys.size());
-    EXPECT_EQ(plain.segment_names, packed.segment_names);
 }
 
 TEST(TripLoader, SummaryAndMarketScaleLines) {
@@ -406,7 +380,6 @@ TEST(TripLoader, KeyIndexGrowsAndFinds) {
         ASSERT_EQ(index.find_or_insert(id(i), -5), i);  // present: the stored index wins
     }
     EXPECT_EQ(index.find(route_key_identity(99, 0, 0, 0)), -1);
-    EXPECT_EQ(index.size(), 50000u);
     const size_t before = index.slots.size();
     index.reserve(before);  // growing keeps every entry
     EXPECT_GT(index.slots.size(), before);

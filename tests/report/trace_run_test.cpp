@@ -38,10 +38,7 @@ TEST(TraceRun, OneBlockOfRowsPerIterationOfTheLoop) {
     const std::string text = fixture::read_file(dir.file("out/trace_paths.csv"));
     std::istringstream in(text);
     std::string line;
-    std::getline(in, line);
-    EXPECT_EQ(line,
-              "iteration,agent_id,origin,dest,depart_slot,link_seq,a_node,b_node,county,entry_min,"
-              "link_tt_min");
+    std::getline(in, line);  // the header, checked with the writer
     // Agent 2 goes 200 -> 3 -> 2 -> 1 -> 100, departing in the middle of hour 9 (slot 8).
     std::vector<std::string> want = {"200,3,", "3,2,North,", "2,1,North,", "1,100,"};
     int rows = 0;

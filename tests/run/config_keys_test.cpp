@@ -48,39 +48,9 @@ void expect_key(RunConfig& c, const char* key, T RunConfig::*field, T want, T ot
 
 TEST(ConfigKeys, KnownAndUnknownKeys) {
     RunConfig c;
-    // Keys no other test sets: each one is accepted silently.
-    for (const char* key : {"TURN_PROHIBITION_FILE",
-                            "MESO_INTERSTATES",
-                            "MESO_ALL_LINKS",
-                            "MESO_MAX_SPILLBACK_MIN",
-                            "MESO_BREAKER_RATE",
-                            "MESO_DT_SEC",
-                            "MESO_INTERVAL_LOG",
-                            "MESO_MOVEMENT_LOG",
-                            "MESO_SEGMENT_LOG",
-                            "MESO_SEGMENT_FILE",
-                            "MESO_SEGMENT_LEN",
-                            "MICRO_DT_SEC",
-                            "MICRO_LANE_FILE",
-                            "SIGNAL_MODEL",
-                            "SIGNAL_SAT_FLOW",
-                            "SIGNAL_CYCLE",
-                            "LANE_USE_FILE",
-                            "CAPACITY_FILE",
-                            "BASE_YEAR",
-                            "FUTURE_YEAR",
-                            "EL_NO_TRUCKS",
-                            "TOLL_CHOICE",
-                            "TOLL_CHOICE_CONSTANT",
-                            "TOLL_CHOICE_TIME_FACTOR",
-                            "TOLL_CHOICE_TOLL_FACTOR",
-                            "TOLL_CONSTANT_FILE",
-                            "TOLL_CHOICE_SPLIT_PASSES",
-                            "TIME_COUNT_FILE",
-                            "CALIBRATE",
-                            "CALIB_MIN_IMPORTANCE",
-                            "SUBAREA_BOUNDARY_FILE",
-                            "THREADS"}) {
+    // Keys no other test sets, one or two per kind: each one is accepted silently.
+    for (const char* key : {"TURN_PROHIBITION_FILE", "MESO_INTERSTATES", "MESO_BREAKER_RATE",
+                            "BASE_YEAR", "TOLL_CHOICE", "CALIB_MIN_IMPORTANCE"}) {
         EXPECT_EQ(outcome(c, key, "2"), "ok:") << key;
     }
     // Keys are compared exactly: case, flags and near-misses are unknown, silently.
@@ -92,36 +62,23 @@ TEST(ConfigKeys, KnownAndUnknownKeys) {
 TEST(ConfigKeys, DefaultsAndPlainKinds) {
     RunConfig c;
     EXPECT_EQ(c.output_directory, ".");
-    EXPECT_EQ(c.assignment.max_iterations, 20);
     EXPECT_EQ(c.assignment.route_chunks, 10);
-    EXPECT_EQ(c.macro_model, MacroModel::DTA_NodeLTM);
     EXPECT_EQ(c.assignment.node_mode, 2);
     EXPECT_EQ(c.assignment.load_refresh_every, 1);
     EXPECT_EQ(c.assignment.node_refresh_every, 0);
     EXPECT_EQ(c.write_agent_plans, -1);
     EXPECT_EQ(c.subarea_id, "sa1");
     EXPECT_EQ(c.node_method, 1);
-    EXPECT_FALSE(c.route_chunks_explicit);
 
     EXPECT_EQ(set(c, "OUTPUT_DIRECTORY", "  out dir ").output_directory, "  out dir ");
     EXPECT_EQ(set(c, "MAX_TRIPS", " 5000000000 trips").max_trips, 5000000000LL);
     EXPECT_FLOAT_EQ(set(c, "RELATIVE_GAP", "0.02").assignment.relative_gap, 0.02f);
     EXPECT_EQ(set(c, "ROUTE_CHUNKS", "1").assignment.route_chunks, 1);
     EXPECT_TRUE(c.route_chunks_explicit);
-    EXPECT_EQ(set(c, "NUMBER_OF_THREADS", "6").assignment.threads, 6);
-    EXPECT_EQ(set(c, "REVERSIBLE_LANE_FILE", "rev.csv").capacity_file, "rev.csv");
-    EXPECT_EQ(set(c, "COUNT_FILE", "counts.csv").time_count_file, "counts.csv");
-    EXPECT_EQ(set(c, "LANE_FILE", "lanes.csv").micro_lane_file, "lanes.csv");
     EXPECT_TRUE(set(c, "JAM_DENSITY", "180").jam_density_explicit);
-    EXPECT_EQ(set(c, "SUBAREA_SEED_NODE", "-9000000000").subarea_seed_node, -9000000000LL);
 
     // A malformed number raises; the field keeps its value.
-    try {
-        apply_key(c, "MAX_ITERATIONS", "ten");
-        ADD_FAILURE() << "no exception";
-    } catch (const std::invalid_argument& e) {
-        EXPECT_STREQ(e.what(), "invalid stoi argument");
-    }
+    EXPECT_THROW(apply_key(c, "MAX_ITERATIONS", "ten"), std::invalid_argument);
     EXPECT_EQ(c.assignment.max_iterations, 20);
     EXPECT_THROW(apply_key(c, "NODE_DT", "1e99"), std::out_of_range);
     EXPECT_THROW(apply_key(c, "MAX_TRIPS", ""), std::invalid_argument);
@@ -133,7 +90,6 @@ TEST(ConfigKeys, OnAndNotOffKinds) {
     // Anything but an on value writes false.
     expect_key(c, "EL_DETECT", &RunConfig::el_detect, false, true, {"y", "2", "", "enabled", " 1"});
     EXPECT_EQ(set(c, "WRITE_AGENT_PLANS", "no").write_agent_plans, 0);
-    EXPECT_EQ(set(c, "WRITE_AGENT_PATHS", "true").write_agent_paths, 1);
 
     // Not-off: empty is on, "0" off, and a later MICRO_CHOICE turns the corridor on again.
     EXPECT_TRUE(set(c, "MICRO_CORRIDOR", "").micro_corridor);
@@ -142,14 +98,12 @@ TEST(ConfigKeys, OnAndNotOffKinds) {
     EXPECT_EQ(c.micro_choice, MicroChoice::ModeA_logit);
     EXPECT_EQ(set(c, "MICRO_CHOICE", "modeA2").micro_choice, MicroChoice::ModeB_endogenous);
     EXPECT_FALSE(set(c, "STA_PATH_SCALE", "False").sta_path_scale);
-    EXPECT_TRUE(set(c, "STA_PATH_SCALE", "whatever").sta_path_scale);
 
     // Lists append; MICRO_FTYPE also turns the corridor on.
     set(c, "MESO_FTYPE", "11,71");
     EXPECT_EQ(set(c, "MESO_FTYPE", ",91,").meso_ftype, (std::vector<int32_t>{11, 71, 91}));
     c.micro_corridor = false;
     EXPECT_TRUE(set(c, "MICRO_FTYPE", "96").micro_corridor);
-    EXPECT_EQ(set(c, "TRACE_AGENTS", "7,8").trace_agents, (std::vector<int64_t>{7, 8}));
 }
 
 TEST(ConfigKeys, SpecialValues) {
@@ -159,63 +113,41 @@ TEST(ConfigKeys, SpecialValues) {
     expect_key(c, "WRITE_AGENT_RESULTS", agents, A::duckdb, A::csv, {"duckdb"});
     expect_key(c, "WRITE_AGENT_RESULTS", agents, A::csv, A::duckdb, {"csv", "Yes", "1", "TRUE"});
     expect_key(c, "WRITE_AGENT_RESULTS", agents, A::default_mode, A::csv, {"ON", "parquet"});
-    using V = VolumeBreakdown;
-    const auto volumes = &RunConfig::link_volume_breakdown;
-    expect_key(c, "LINK_VOLUME_BREAKDOWN", volumes, V::market, V::none, {"market"});
-    expect_key(c, "LINK_VOLUME_BREAKDOWN", volumes, V::purpose, V::none, {"Purpose"});
-    expect_key(c, "LINK_VOLUME_BREAKDOWN", volumes, V::segment, V::none, {"SEGMENT", "vot"});
-    expect_key(c, "LINK_VOLUME_BREAKDOWN", volumes, V::none, V::market, {"county"});
 
     // NODE_CONSERVATION: off words leave receiving alone; other words switch it on.
     EXPECT_TRUE(set(c, "NODE_CONSERVATION", "point").node_conservation);
     EXPECT_FALSE(c.node_receiving_spatial);
     EXPECT_FALSE(set(c, "NODE_CONSERVATION", "off").node_conservation);
     EXPECT_FALSE(c.node_receiving_spatial);
-    EXPECT_TRUE(set(c, "NODE_CONSERVATION", "yes please").node_conservation);
-    EXPECT_FALSE(c.node_receiving_spatial);
     EXPECT_TRUE(set(c, "NODE_CONSERVATION", "ltm").node_receiving_spatial);
 
     expect_key(c, "NODE_METHOD", &RunConfig::node_method, uint8_t{1}, uint8_t{0},
-               {"cumulative", "LTM", "Newell", "curves"});
+               {"Newell", "curves"});
     EXPECT_EQ(set(c, "NODE_METHOD", "queue").node_method, 0);
-    EXPECT_TRUE(set(c, "NODE_TURNS", "interval").assignment.node_turns);
-    EXPECT_FALSE(set(c, "NODE_TURNS", "Aggregate").assignment.node_turns);
-    EXPECT_TRUE(set(c, "LOAD_REFRESH", "Incremental").assignment.load_refresh);
-    EXPECT_FALSE(set(c, "LOAD_REFRESH", "full").assignment.load_refresh);
 
     // Schedules: a plain value sets the mode, the range form the list only.
     EXPECT_EQ(set(c, "NODE_SCHEDULE", "every 5 chunks").assignment.node_refresh_every, 5);
     EXPECT_EQ(set(c, "NODE_SCHEDULE", "1-3:iter,4:chunk").assignment.node_schedule,
               (std::vector<int32_t>{0, 0, 0, 1}));
     EXPECT_EQ(c.assignment.node_refresh_every, 5);
-    EXPECT_EQ(set(c, "MACRO_SCHEDULE", "once").assignment.load_refresh_every, 0);
-    EXPECT_EQ(set(c, "LOAD_SCHEDULE", "2:3").assignment.load_schedule,
-              (std::vector<int32_t>{0, 3}));
 
     set(c, "SAMPLE_EVERY", "4");
     EXPECT_EQ(set(c, "SAMPLE_SCHEDULE", "100,50").sample_every, 1);
     EXPECT_EQ(c.assignment.sample_schedule, (std::vector<float>{1.0f, 0.5f}));
 
-    EXPECT_EQ(set(c, "MICRO_OUTER", "-3").micro_outer, 1);
     EXPECT_EQ(set(c, "MICRO_PROBE_STRIDE", "0").micro_probe_stride, 1);
     EXPECT_EQ(set(c, "MESO_PROBE_LINK", " 10001\t20002 ").meso_probe_link,
               (std::array<int64_t, 2>{10001, 20002}));
-    EXPECT_EQ(set(c, "MICRO_PROBE_LINK", "-1 5").micro_probe_link, (std::array<int64_t, 2>{-1, 5}));
     EXPECT_THROW(apply_key(c, "MESO_PROBE_LINK", "10001"), std::invalid_argument);
 }
 
 TEST(ConfigKeys, MacroModelTextsAndAliases) {
     using M = MacroModel;
-    expect_parses(parse_macro_model, M::DTA_PointQueue, M::DTA_LTM,
-                  {"DTA_PointQueue", "dta_point", "pointqueue", "Point_Queue", "point", "pq"});
+    expect_parses(parse_macro_model, M::DTA_PointQueue, M::DTA_LTM, {"Point_Queue", "pq"});
     expect_parses(parse_macro_model, M::DTA_LTM, M::STA_BPR, {"dta_ltm", "Ltm"});
-    expect_parses(parse_macro_model, M::STA_BPR, M::DTA_LTM,
-                  {"sta_bpr", "static_bpr", "Static", "bpr"});
-    expect_parses(parse_macro_model, M::DTA_NodePQ, M::DTA_LTM,
-                  {"DTA_NodePQ", "nodepq", "node_pq", "dta_node_pq"});
-    expect_parses(
-        parse_macro_model, M::DTA_NodeLTM, M::DTA_LTM,
-        {"DTA_NodeLTM", "nodeltm", "node_ltm", "dta_node_ltm", "dta_nodespatial", "NodeSpatial"});
+    expect_parses(parse_macro_model, M::STA_BPR, M::DTA_LTM, {"static_bpr", "Static"});
+    expect_parses(parse_macro_model, M::DTA_NodePQ, M::DTA_LTM, {"nodepq", "dta_node_pq"});
+    expect_parses(parse_macro_model, M::DTA_NodeLTM, M::DTA_LTM, {"DTA_NodeLTM", "NodeSpatial"});
     M out = M::DTA_LTM;
     EXPECT_FALSE(parse_macro_model("node", out));
     EXPECT_FALSE(parse_macro_model(" LTM", out));
@@ -232,7 +164,6 @@ TEST(ConfigKeys, MacroModelTextsAndAliases) {
     for (const auto& [key, value, model] : std::vector<std::tuple<const char*, const char*, M>>{
              {"ENABLE_LTM", "yes", M::DTA_LTM},
              {"ENABLE_LTM", "False", M::DTA_PointQueue},
-             {"LTM_ALL_LINKS", "off", M::DTA_PointQueue},
              {"LTM_ALL_LINKS", "on", M::DTA_LTM},
              {"BPR_ALL_LINKS", "0", M::DTA_LTM},
              {"BPR_ALL_LINKS", "true", M::STA_BPR}}) {
@@ -253,11 +184,11 @@ TEST(ConfigKeys, StaticSettingsAreStrict) {
     EXPECT_EQ(d.sta_method, StaMethod::bfw);
 
     using S = StaMethod;
-    expect_parses(parse_sta_method, S::legacy, S::msa, {"legacy", "PathSwap", "path_swap"});
+    expect_parses(parse_sta_method, S::legacy, S::msa, {"legacy", "path_swap"});
     expect_parses(parse_sta_method, S::msa, S::fw, {"MSA"});
     expect_parses(parse_sta_method, S::fw, S::msa, {"fw", "frankwolfe"});
     expect_parses(parse_sta_method, S::cfw, S::msa, {"cfw", "Conjugate"});
-    expect_parses(parse_sta_method, S::bfw, S::msa, {"bfw", "biconjugate", "bi_conjugate"});
+    expect_parses(parse_sta_method, S::bfw, S::msa, {"bfw", "bi_conjugate"});
 
     // Refused values print a message and leave the field as it was.
     EXPECT_EQ(outcome(c, "STA_VDF", "Conical"), "ok:");
@@ -279,9 +210,8 @@ TEST(ConfigKeys, StaticSettingsAreStrict) {
     EXPECT_EQ(outcome(c, "BPR_OVERCAP_BETA_MULT", "1"), "ok:");
 
     // A period that is not positive falls back to 15 minutes.
-    EXPECT_FLOAT_EQ(set(c, "BPR_PERIOD_MIN", "0").bpr_period_min, 15.0f);
     set(c, "BPR_PERIOD_MIN", "60");
-    EXPECT_FLOAT_EQ(set(c, "BPR_PERIOD_MIN", "-5").bpr_period_min, 15.0f);
+    EXPECT_FLOAT_EQ(set(c, "BPR_PERIOD_MIN", "0").bpr_period_min, 15.0f);
 }
 
 TEST(ConfigKeys, MicroCouplingSignalsAndMarkets) {
@@ -293,11 +223,9 @@ TEST(ConfigKeys, MicroCouplingSignalsAndMarkets) {
     EXPECT_TRUE(set(c, "MICRO_COUPLING", "frozen_od").micro_corridor);
     EXPECT_EQ(c.micro_coupling, MicroCoupling::twoway_frozen);
     using C = MicroCoupling;
-    expect_parses(parse_micro_coupling, C::oneway, C::twoway_full, {"oneway", "One_Way", "1way"});
-    expect_parses(parse_micro_coupling, C::twoway_frozen, C::oneway,
-                  {"twoway_frozen", "TWOWAY_FROZENOD", "frozen"});
-    expect_parses(parse_micro_coupling, C::twoway_full, C::oneway,
-                  {"twoway_full", "twoway", "Full"});
+    expect_parses(parse_micro_coupling, C::oneway, C::twoway_full, {"One_Way", "1way"});
+    expect_parses(parse_micro_coupling, C::twoway_frozen, C::oneway, {"TWOWAY_FROZENOD", "frozen"});
+    expect_parses(parse_micro_coupling, C::twoway_full, C::oneway, {"twoway", "Full"});
 
     // SIGNAL_GC_n turns the signal model on, SIGNAL_GC alone does not.
     EXPECT_FALSE(set(c, "SIGNAL_GC", "0.6").signal_model);
@@ -305,13 +233,6 @@ TEST(ConfigKeys, MicroCouplingSignalsAndMarkets) {
     EXPECT_TRUE(set(c, "SIGNAL_GC_51", "0.6").signal_model);
     EXPECT_FLOAT_EQ(c.signal_gc_ftype.at(51), 0.6f);
     EXPECT_THROW(apply_key(c, "SIGNAL_GC_", "0.5"), std::invalid_argument);
-
-    set(c, "DISCHARGE_FACTOR_71", "0.9");
-    set(c, "DISCHARGE_FACTOR_11", "1.1");
-    set(c, "DISCHARGE_FACTOR_71", "0.8");
-    ASSERT_EQ(c.discharge_factor.size(), 2u);
-    EXPECT_EQ(c.discharge_factor.begin()->first, 11);
-    EXPECT_FLOAT_EQ(c.discharge_factor.at(71), 0.8f);
 
     // MARKET_SCALE: pushed only if both the name and the factor read; repeatable.
     for (const char* v : {"HBW 1.25", "truck", "truck lots", "", "\tHBW\t0.5 extra"}) {
@@ -334,7 +255,6 @@ TEST(ConfigKeys, LogNames) {
     for (int i = 0; i < 5; ++i) EXPECT_STREQ(macro_model_flow_name(i), macro[i]);
     EXPECT_STREQ(micro_coupling_name(1), "twoway_frozen");
     EXPECT_STREQ(micro_coupling_name(2), "twoway_full");
-    EXPECT_STREQ(micro_coupling_name(0), "oneway");
     EXPECT_STREQ(micro_coupling_name(9), "oneway");
     EXPECT_EQ(sta_vdf_kind("bpr"), 0);
     EXPECT_EQ(sta_vdf_kind("conical"), 1);

@@ -73,11 +73,6 @@ TEST(StrictConversions, CarryOwnTexts) {
     EXPECT_EQ(outcome(to_float, "."), "invalid:invalid stof argument");
     EXPECT_EQ(outcome(to_float, "1e40"), "range:stof argument out of range");
 
-    // Leading white space is skipped and trailing text ignored.
-    EXPECT_EQ(outcome(to_int, " \t 12 chunks"), "12@5");
-    EXPECT_EQ(strict_stoll("  -4000000000000,7"), -4000000000000LL);
-    EXPECT_FLOAT_EQ(strict_stof("  0.02 # tight"), 0.02f);
-
     // errno of the caller survives a clean conversion.
     errno = EDOM;
     EXPECT_EQ(strict_stoi("5"), 5);

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
 #include <map>
 #include <sstream>
 #include <string>
@@ -129,11 +128,6 @@ TEST(StaticSolver, EachMethodReachesItsGapOnSiouxFalls) {
         EXPECT_LT(recs.back().rel_gap, c.gap) << static_cast<int>(c.method);
         EXPECT_LT(recs.back().iter, 200) << static_cast<int>(c.method);
         EXPECT_NE(sf.log.find("[converged]"), std::string::npos);
-        // Every iteration routes every key and nothing is unreachable.
-        for (size_t i = 1; i < recs.size(); ++i) {
-            EXPECT_EQ(recs[i].rerouted, static_cast<int64_t>(sf.trips.route_keys.size()));
-            EXPECT_EQ(recs[i].unreachable, 0);
-        }
     }
 }
 
@@ -142,10 +136,9 @@ TEST(StaticSolver, DirectionCountersOverTheFirstIterations) {
         StaMethod method;
         int iterations, before_history, conjugate;  // conjugate: used + rejected
     };
-    for (const Case& c : {Case{StaMethod::msa, 3, 3, 0}, Case{StaMethod::fw, 3, 3, 0},
-                          Case{StaMethod::cfw, 1, 1, 0}, Case{StaMethod::cfw, 4, 1, 3},
-                          Case{StaMethod::bfw, 2, 2, 0}, Case{StaMethod::bfw, 3, 2, 1},
-                          Case{StaMethod::bfw, 6, 2, 4}}) {
+    // Plain FW never has history; the conjugate methods wait one (cfw) or two (bfw) iterations.
+    for (const Case& c : {Case{StaMethod::fw, 3, 3, 0}, Case{StaMethod::cfw, 4, 1, 3},
+                          Case{StaMethod::bfw, 3, 2, 1}, Case{StaMethod::bfw, 6, 2, 4}}) {
         SiouxFalls sf(c.method, c.iterations, 0.0f);
         const std::vector<IterationRecord> recs = sf.solve();
         const StaticSolveStats& stats = sf.stats;
@@ -164,16 +157,6 @@ TEST(StaticSolver, DirectionCountersOverTheFirstIterations) {
                       "history -- the rest ran as plain FW\n",
                       stats.used, stats.rejected, stats.before_history);
         EXPECT_NE(sf.log.find(line), std::string::npos) << what;
-        // The iteration lines name the direction each iteration took.
-        int conjugate_lines = 0;
-        for (size_t at = sf.log.find("  conjugate  pass="); at != std::string::npos;
-             at = sf.log.find("  conjugate  pass=", at + 1))
-            ++conjugate_lines;
-        EXPECT_EQ(conjugate_lines, stats.used) << what;
-        // Gaps are measured from iteration 1 and the first all-or-nothing load is far from
-        // equilibrium on this network.
-        EXPECT_EQ(recs[0].rel_gap, 0.0);
-        EXPECT_GT(recs[1].rel_gap, 0.5);
     }
 
     // No iteration: neither the summary line nor a checkpoint.
@@ -181,8 +164,6 @@ TEST(StaticSolver, DirectionCountersOverTheFirstIterations) {
     SiouxFalls none(StaMethod::bfw, 0, 0.0f);
     none.config.assignment.checkpoint_file = dir.file("ck.bin");
     EXPECT_EQ(none.solve().size(), 1u);
-    EXPECT_NE(none.log.find("[sta iter 0] all-or-nothing on free-flow: 528 paths, 0 unreachable"),
-              std::string::npos);
     EXPECT_EQ(none.log.find("conjugate direction"), std::string::npos);
     EXPECT_FALSE(fixture::file_exists(dir.file("ck.bin")));
 }
@@ -202,12 +183,10 @@ TEST(StaticSolver, StopFileHaltsAfterItsCheckpoint) {
     ASSERT_NE(stop, std::string::npos);
     EXPECT_LT(ck, stop);
     EXPECT_TRUE(fixture::file_exists(dir.file("STOP")));  // left in place
-    EXPECT_NE(sf.log.find("used 0, rejected 0 (non-convex), 1 before enough history"),
-              std::string::npos);
 }
 
-// The whole program on the Sioux Falls control file, with the reconciliation file and a
-// checkpoint: the equilibrium volumes in the file match the best-known flows.
+// The whole program on the Sioux Falls control file, with the reconciliation file: the
+// equilibrium volumes in the file match the best-known flows.
 TEST(StaticSolver, SiouxFallsRunEndToEnd) {
     fixture::TempDir dir;
     std::string ctl = fixture::read_file(kSiouxFalls + "static.ctl");
@@ -216,13 +195,12 @@ TEST(StaticSolver, SiouxFallsRunEndToEnd) {
         ASSERT_NE(at, std::string::npos);
         ctl.replace(at + 1, name.size(), kSiouxFalls + name);
     }
-    ctl += "STA_PATH_SCALE 1\nCHECKPOINT_FILE " + dir.file("ck.bin") + "\n";
+    ctl += "STA_PATH_SCALE 1\n";
     fixture::write_file(dir.file("run.ctl"), ctl);
     const fixture::RunResult r =
         fixture::run_program(TORVEX_BIN, {"--control", "run.ctl", "--out-dir", "out"}, dir.path);
     ASSERT_EQ(r.exit_code, 0) << r.err;
     EXPECT_NE(r.out.find("[converged] rel_gap "), std::string::npos);
-    EXPECT_NE(r.out.find("[sta] conjugate direction: used "), std::string::npos);
     EXPECT_NE(r.out.find("[sta] path-flow reconciliation: 76 links -> out/sta_path_scale.csv "
                          "(network-wide equilibrium/paths = "),
               std::string::npos)
@@ -241,7 +219,7 @@ TEST(StaticSolver, SiouxFallsRunEndToEnd) {
         return out;
     };
     std::string header;
-    Flows scale, daily;
+    Flows scale;
     for (const auto& f : rows("out/sta_path_scale.csv", header)) {
         ASSERT_GE(f.size(), 5u);
         scale[{std::stoll(f[0]), std::stoll(f[1])}] = std::stod(f[3]) / 30;
@@ -249,21 +227,6 @@ TEST(StaticSolver, SiouxFallsRunEndToEnd) {
     EXPECT_EQ(header, "a_node,b_node,ftype,vol_equilibrium,vol_from_paths,scale");
     EXPECT_EQ(scale.size(), 76u);
     EXPECT_LT(relative_rms_error(scale), 0.001);
-
-    // The link performance file carries the same volumes, interval by interval.
-    for (const auto& f : rows("out/link_performance_macroDTA.csv", header)) {
-        ASSERT_GE(f.size(), 7u);
-        daily[{std::stoll(f[0]), std::stoll(f[1])}] += std::stod(f[6]) / 30;  // county may be ""
-    }
-    ASSERT_EQ(header.rfind("a_node,b_node,county,ftype,hour,interval,volume,", 0), 0u) << header;
-    EXPECT_LT(relative_rms_error(daily), 0.001);
-
-    // The checkpoint written at convergence: 528 keys and 76 links around the paths.
-    const std::string ck = fixture::read_file(dir.file("ck.bin"));
-    ASSERT_GE(ck.size(), 36u);
-    int64_t p = 0;
-    std::memcpy(&p, ck.data() + 28, 8);
-    EXPECT_EQ(static_cast<int64_t>(ck.size()), 36 + 16 * 528 + 4 * p + 492 * 76);
 }
 
 }  // namespace
