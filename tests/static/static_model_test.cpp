@@ -31,7 +31,8 @@ TEST(StaticModel, WindowsFromThePeriodKey) {
         float period_min;
         int period, windows, last_intervals;
     };
-    for (const Case& c : {Case{0, 1, 120, 1}, Case{100, 7, 18, 1}, Case{1800, 120, 1, 120}}) {
+    for (const Case& c : {Case{0, 1, 120, 1}, Case{15, 1, 120, 1}, Case{60, 4, 30, 4},
+                          Case{100, 7, 18, 1}, Case{1800, 120, 1, 120}}) {
         RunConfig config;
         config.macro_model = MacroModel::STA_BPR;
         config.bpr_period_min = c.period_min;
